@@ -1,0 +1,38 @@
+#include "json.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+QVariant Json::decode(const QString &text)
+{
+    // QJsonDocument only takes objects and arrays; wrapping the text in an array accepts a
+    // top-level scalar as well and leaves the error position meaningful for the rest.
+    QJsonParseError error{};
+    const QJsonDocument doc = QJsonDocument::fromJson('[' + text.toUtf8() + ']', &error);
+    if (error.error != QJsonParseError::NoError || !doc.isArray() || doc.array().size() != 1)
+        return {};
+    return doc.array().first().toVariant();
+}
+
+QString Json::encode(const QVariant &value, bool indented)
+{
+    const QJsonDocument::JsonFormat format = indented ? QJsonDocument::Indented : QJsonDocument::Compact;
+    const QJsonValue json = QJsonValue::fromVariant(value);
+    if (json.isObject())
+        return QString::fromUtf8(QJsonDocument(json.toObject()).toJson(format));
+    if (json.isArray())
+        return QString::fromUtf8(QJsonDocument(json.toArray()).toJson(format));
+    // A scalar: serialise it as the single element of an array and cut the brackets away.
+    const QByteArray text = QJsonDocument(QJsonArray{json}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(text.mid(1, text.size() - 2));
+}
+
+QVariant Json::loadFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return decode(QString::fromUtf8(file.readAll()));
+}

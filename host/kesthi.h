@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QString>
+#include <QtGlobal>
+
+// Host clock and identity.
+class KestHi
+{
+public:
+    // Writes the current time, in microseconds, into the qint64 at `out`. The clock is monotonic
+    // and is the one that stamps Packet::pts. `flag` is accepted for the appliance's signature
+    // and ignored.
+    static void getPTS(void *out, bool flag);
+    static qint64 now(); // the same clock as a value
+
+    // Unit serial number.
+    static QString sn;
+
+    // Host side, for tests: shifts the clock forward (or back) by `us` microseconds so that
+    // time-outs can be exercised without waiting for them.
+    static void setClockOffset(qint64 us);
+    static qint64 clockOffset();
+};
