@@ -1,3 +1,5 @@
+#include "kestrunprocess.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -22,7 +24,7 @@ public:
 
     bool start(const QStringList &args)
     {
-        process.start(QStringLiteral(KEST_RUN_PATH), args);
+        startKestRun(process, args);
         return process.waitForStarted(5000);
     }
 
@@ -78,7 +80,7 @@ private:
 void TestKestRun::listShowsClassesWithSlots()
 {
     QProcess run;
-    run.start(QStringLiteral(KEST_RUN_PATH), {QStringLiteral("--list")});
+    startKestRun(run, {QStringLiteral("--list")});
     QVERIFY(run.waitForFinished(10000));
     QCOMPARE(run.exitCode(), 0);
     const QString out = QString::fromUtf8(run.readAllStandardOutput());
@@ -116,7 +118,7 @@ void TestKestRun::badGraphExitsTwo()
     const QString path = graph.isEmpty() ? dir.filePath(QStringLiteral("missing.json"))
                                          : writeFile(dir, QStringLiteral("bad.json"), graph);
     QProcess run;
-    run.start(QStringLiteral(KEST_RUN_PATH), {QStringLiteral("--lib"), testNodes, path});
+    startKestRun(run, {QStringLiteral("--lib"), testNodes, path});
     QVERIFY(run.waitForFinished(10000));
     QCOMPARE(run.exitStatus(), QProcess::NormalExit);
     QCOMPARE(run.exitCode(), 2);
