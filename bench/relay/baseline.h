@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <atomic>
+#include <thread>
+
+// The physical baseline for the relay: the least a forwarder with the same rules can do on
+// Linux. recvmmsg a batch, file each sender under its source byte, sendmmsg every copy.
+// No event loop, no clock, no ageing.
+class BaselineForwarder
+{
+public:
+    ~BaselineForwarder() { stop(); }
+    bool start(quint16 port);
+    void stop();
+
+private:
+    void run();
+
+    int fd = -1;
+    std::atomic<bool> running{false};
+    std::thread thread;
+};
