@@ -79,7 +79,7 @@ void PcmSink::openFile()
     if (file.fileName().isEmpty())
         return;
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        nodeLog(this) << "cannot write" << file.fileName() << ":" << file.errorString();
+        nodeLog(this) << QStringLiteral("cannot write %1: %2").arg(file.fileName(), file.errorString());
 }
 
 void PcmSink::onNewInfoA(StreamInfo info)
@@ -95,7 +95,7 @@ void PcmSink::onNewPacketA(Packet pkt)
     peak = std::max(peak, peakOf(pkt.data, pkt.len, eightBit));
     ++packets;
     if (file.isOpen() && file.write(pkt.data, pkt.len) != pkt.len) {
-        nodeLog(this) << "cannot write" << file.fileName() << ":" << file.errorString() << "- file closed";
+        nodeLog(this) << QStringLiteral("cannot write %1: %2 - file closed").arg(file.fileName(), file.errorString());
         file.close();
     }
 }

@@ -107,11 +107,11 @@ bool PcmSource::begin()
     if (!format.file.isEmpty()) {
         file.setFileName(format.file);
         if (!file.open(QIODevice::ReadOnly)) {
-            nodeLog(this) << "cannot read" << format.file << ":" << file.errorString() << "- no audio";
+            nodeLog(this) << QStringLiteral("cannot read %1: %2 - no audio").arg(format.file, file.errorString());
             return false;
         }
         if (file.size() == 0) {
-            nodeLog(this) << format.file << "is empty - no audio";
+            nodeLog(this) << QStringLiteral("%1 is empty - no audio").arg(format.file);
             file.close();
             return false;
         }
@@ -210,7 +210,7 @@ bool PcmSource::fillFromFile(char *out, int bytes)
             continue;
         }
         if (got < 0 || file.pos() == 0 || !file.seek(0)) {
-            nodeLog(this) << "cannot read" << format.file << ":" << file.errorString() << "- no audio";
+            nodeLog(this) << QStringLiteral("cannot read %1: %2 - no audio").arg(format.file, file.errorString());
             end();
             return false;
         }
