@@ -9,28 +9,63 @@ namespace Intercom {
 
 namespace {
 
-// Samples are read and written through memcpy: a frame may start at any byte address.
 inline int sample16(const char *data, int i)
 {
     qint16 s;
-    std::memcpy(&s, data + 2 * i, sizeof(s));
+    std::memcpy(&s, data + 2 * i, sizeof(s)); // a frame may start at any byte address
     return s;
 }
 
-inline void store16(char *data, int i, int value)
+// Two samples of the same sign are softened by their product (a + b - a*b >> Shift for two
+// positive ones); the result keeps the low bits of the sample width. Computed in that width
+// itself: the softening term of two same-sign samples always fits (at most 16384 for 16-bit,
+// 64 for 8-bit), and narrow lanes let the block loop below use the widest vectors.
+template <typename Sample, typename Unsigned, int Shift>
+inline Unsigned combine(Sample a, Sample b)
 {
-    const quint16 s = quint16(value); // keeps the low 16 bits
-    std::memcpy(data + 2 * i, &s, sizeof(s));
+    const Unsigned soften = Unsigned((int(a) * int(b)) >> Shift);
+    const bool sameSign = (a > 0 && b > 0) || (a < 0 && b < 0);
+    const Unsigned sum = Unsigned(Unsigned(a) + Unsigned(b));
+    const Unsigned term = sameSign ? soften : Unsigned(0);
+    return a > 0 ? Unsigned(sum - term) : Unsigned(sum + term);
 }
 
-template <int Shift>
-inline int combine(int a, int b)
+// Mixing goes through small local blocks: a fixed trip count and no aliasing between the
+// sources and dst (which may be the same memory) lets the loop vectorise.
+constexpr int kBlockSamples = 16;
+
+template <typename Sample, typename Unsigned, int Shift>
+void mixFrames(const char *src1, int len1, const char *src2, int len2, char *dst, int dstLen)
 {
-    if (a > 0 && b > 0)
-        return a + b - ((a * b) >> Shift);
-    if (a < 0 && b < 0)
-        return a + b + ((a * b) >> Shift);
-    return a + b;
+    constexpr int width = int(sizeof(Sample));
+    const int count = std::max(0, dstLen / width);
+    const int count1 = src1 ? std::clamp(len1 / width, 0, count) : 0;
+    const int count2 = src2 ? std::clamp(len2 / width, 0, count) : 0;
+    const int both = std::min(count1, count2);
+    int i = 0;
+    for (; i + kBlockSamples <= both; i += kBlockSamples) {
+        Sample a[kBlockSamples], b[kBlockSamples];
+        Unsigned r[kBlockSamples];
+        std::memcpy(a, src1 + i * width, sizeof(a));
+        std::memcpy(b, src2 + i * width, sizeof(b));
+        for (int k = 0; k < kBlockSamples; ++k)
+            r[k] = combine<Sample, Unsigned, Shift>(a[k], b[k]);
+        std::memcpy(dst + i * width, r, sizeof(r));
+    }
+    for (; i < both; ++i) {
+        Sample a, b;
+        std::memcpy(&a, src1 + i * width, width);
+        std::memcpy(&b, src2 + i * width, width);
+        const Unsigned r = combine<Sample, Unsigned, Shift>(a, b);
+        std::memcpy(dst + i * width, &r, width);
+    }
+    // Past the shorter source the longer one passes through alone (a + 0); past both, silence.
+    const char *longer = count1 > count2 ? src1 : src2;
+    const int longerCount = std::max(count1, count2);
+    if (longerCount > both && dst != longer)
+        std::memmove(dst + both * width, longer + both * width, size_t(longerCount - both) * width);
+    if (count > longerCount)
+        std::memset(dst + longerCount * width, 0, size_t(count - longerCount) * width);
 }
 
 } // namespace
@@ -67,27 +102,12 @@ int level8(const char *data, int len)
 
 void mix16(const char *src1, int len1, const char *src2, int len2, char *dst, int dstLen)
 {
-    const int count = std::max(0, dstLen / 2);
-    const int count1 = src1 ? std::clamp(len1 / 2, 0, count) : 0;
-    const int count2 = src2 ? std::clamp(len2 / 2, 0, count) : 0;
-    const int both = std::min(count1, count2);
-    for (int i = 0; i < both; ++i)
-        store16(dst, i, combine<16>(sample16(src1, i), sample16(src2, i)));
-    // Past the shorter source the other one passes through alone (a + 0).
-    for (int i = both; i < count; ++i)
-        store16(dst, i, (i < count1 ? sample16(src1, i) : 0) + (i < count2 ? sample16(src2, i) : 0));
+    mixFrames<qint16, quint16, 16>(src1, len1, src2, len2, dst, dstLen);
 }
 
 void mix8(const char *src1, int len1, const char *src2, int len2, char *dst, int dstLen)
 {
-    const int count = std::max(0, dstLen);
-    const int count1 = src1 ? std::clamp(len1, 0, count) : 0;
-    const int count2 = src2 ? std::clamp(len2, 0, count) : 0;
-    const int both = std::min(count1, count2);
-    for (int i = 0; i < both; ++i)
-        dst[i] = char(quint8(combine<8>(qint8(src1[i]), qint8(src2[i]))));
-    for (int i = both; i < count; ++i)
-        dst[i] = char(quint8((i < count1 ? qint8(src1[i]) : 0) + (i < count2 ? qint8(src2[i]) : 0)));
+    mixFrames<qint8, quint8, 8>(src1, len1, src2, len2, dst, dstLen);
 }
 
 } // namespace Intercom

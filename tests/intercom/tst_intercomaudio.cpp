@@ -128,35 +128,40 @@ void TestIntercomAudio::mixArithmetic()
     QFETCH(int, b);
     QFETCH(int, mixed);
     KestIntercom st;
-    const Exact src1(frame(bits, 4, a)), src2(frame(bits, 4, b)), dst(frame(bits, 4, 77));
+    // 40 samples: whole blocks of the vector loop and a tail.
+    const Exact src1(frame(bits, 40, a)), src2(frame(bits, 40, b)), dst(frame(bits, 40, 77));
     bits == 8 ? st.mix8(src1.packet(), src2.packet(), dst.packet()) : st.mix(src1.packet(), src2.packet(), dst.packet());
-    QCOMPARE(dst.bytes(), frame(bits, 4, mixed));
+    QCOMPARE(dst.bytes(), frame(bits, 40, mixed));
     // In place, as the mixing step does it.
     bits == 8 ? st.mix8(src1.packet(), src2.packet(), src1.packet()) : st.mix(src1.packet(), src2.packet(), src1.packet());
-    QCOMPARE(src1.bytes(), frame(bits, 4, mixed));
+    QCOMPARE(src1.bytes(), frame(bits, 40, mixed));
 }
 
 void TestIntercomAudio::mixShorterSources_data()
 {
     QTest::addColumn<int>("bits");
-    QTest::addColumn<bool>("firstShort");
-    QTest::newRow("16: second source short") << 16 << false;
-    QTest::newRow("16: first source short") << 16 << true;
-    QTest::newRow("8: second source short") << 8 << false;
-    QTest::newRow("8: first source short") << 8 << true;
+    QTest::addColumn<int>("samples1");
+    QTest::addColumn<int>("samples2");
+    for (int bits : {16, 8}) {
+        const QByteArray width = QByteArray::number(bits) + ": ";
+        QTest::newRow(width + "second source short") << bits << 40 << 21;
+        QTest::newRow(width + "first source short") << bits << 21 << 40;
+        QTest::newRow(width + "both short") << bits << 30 << 21;
+    }
 }
 
 void TestIntercomAudio::mixShorterSources()
 {
     QFETCH(int, bits);
-    QFETCH(bool, firstShort);
+    QFETCH(int, samples1);
+    QFETCH(int, samples2);
     KestIntercom st;
     const int v = bits == 8 ? 50 : 1000, both = bits == 8 ? 91 : 1985;
-    const Exact longer(frame(bits, 8, v)), shorter(frame(bits, 3, v)), dst(frame(bits, 8, 77));
-    const Packet src1 = firstShort ? shorter.packet() : longer.packet();
-    const Packet src2 = firstShort ? longer.packet() : shorter.packet();
-    bits == 8 ? st.mix8(src1, src2, dst.packet()) : st.mix(src1, src2, dst.packet());
-    QCOMPARE(dst.bytes(), frame(bits, 3, both) + frame(bits, 5, v));
+    const Exact src1(frame(bits, samples1, v)), src2(frame(bits, samples2, v)), dst(frame(bits, 40, 77));
+    bits == 8 ? st.mix8(src1.packet(), src2.packet(), dst.packet()) : st.mix(src1.packet(), src2.packet(), dst.packet());
+    // Mixed where both reach, the longer alone after that, silence past both.
+    const int shorter = qMin(samples1, samples2), longer = qMax(samples1, samples2);
+    QCOMPARE(dst.bytes(), frame(bits, shorter, both) + frame(bits, longer - shorter, v) + frame(bits, 40 - longer, 0));
 }
 
 void TestIntercomAudio::gateOpensWithPreRollAndClosesAfterHangOver()
