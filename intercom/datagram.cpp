@@ -2,6 +2,7 @@
 
 #include <QString>
 
+#include <cstdio>
 #include <cstring>
 
 namespace Intercom {
@@ -62,6 +63,22 @@ QString commandText(Body body)
     const void *zero = std::memchr(body.data, 0, size_t(body.size));
     const int size = zero ? int(static_cast<const char *>(zero) - body.data) : body.size;
     return QString::fromLatin1(body.data, size);
+}
+
+QByteArray commandBody(const QString &jsonText)
+{
+    QByteArray bytes;
+    bytes.reserve(jsonText.size());
+    for (const QChar c : jsonText) {
+        if (c.unicode() <= 0xff) {
+            bytes.append(char(c.unicode()));
+        } else {
+            char escape[7];
+            std::snprintf(escape, sizeof(escape), "\\u%04x", unsigned(c.unicode()));
+            bytes.append(escape, 6);
+        }
+    }
+    return bytes;
 }
 
 } // namespace Intercom

@@ -53,4 +53,8 @@ int buildAlive(char *out, quint8 source, const QString &name);
 // Command body: JSON text up to its first zero byte or its end, as Latin-1.
 QString commandText(Body body);
 
+// The Latin-1 bytes of a command's JSON text. Characters beyond Latin-1 can only stand inside
+// JSON strings, so they travel as \uXXXX escapes, which decode to the same text.
+QByteArray commandBody(const QString &jsonText);
+
 } // namespace Intercom

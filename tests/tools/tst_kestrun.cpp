@@ -1,52 +1,11 @@
 #include "kestrunprocess.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <csignal>
 
 namespace {
-
-// kest-run as a subprocess, read line by line.
-class KestRun
-{
-public:
-    ~KestRun()
-    {
-        if (process.state() != QProcess::NotRunning) {
-            process.kill();
-            process.waitForFinished(5000);
-        }
-    }
-
-    bool start(const QStringList &args)
-    {
-        startKestRun(process, args);
-        return process.waitForStarted(5000);
-    }
-
-    void send(const QByteArray &line) { process.write(line + '\n'); }
-
-    // The next stdout line, or an empty array after `timeoutMs`.
-    QByteArray nextLine(int timeoutMs = 5000)
-    {
-        QElapsedTimer timer;
-        timer.start();
-        while (!process.canReadLine()) {
-            if (timer.elapsed() > timeoutMs || !process.waitForReadyRead(int(qMax<qint64>(1, timeoutMs - timer.elapsed()))))
-                if (!process.canReadLine())
-                    return {};
-        }
-        return process.readLine().trimmed();
-    }
-
-    QJsonObject nextObject(int timeoutMs = 5000) { return QJsonDocument::fromJson(nextLine(timeoutMs)).object(); }
-
-    QProcess process;
-};
 
 QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &content)
 {
@@ -99,7 +58,7 @@ void TestKestRun::badGraphExitsTwo_data()
     QTest::newRow("node without name") << QByteArray("{\"nodes\":[{\"class\":\"EchoNode\"}]}") << QStringLiteral("node 1 has no \"name\"");
     QTest::newRow("unknown class lists the others")
         << QByteArray("{\"nodes\":[{\"name\":\"a\",\"class\":\"Nope\"}]}")
-        << QStringLiteral("unknown class \"Nope\" for node \"a\"; available classes: EchoNode");
+        << QStringLiteral("unknown class \"Nope\" for node \"a\"; available classes: EchoNode, PcmSink, PcmSource");
     QTest::newRow("duplicate name")
         << QByteArray("{\"nodes\":[{\"name\":\"a\",\"class\":\"EchoNode\"},{\"name\":\"a\",\"class\":\"EchoNode\"}]}")
         << QStringLiteral("duplicate node name \"a\"");

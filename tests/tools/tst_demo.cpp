@@ -1,0 +1,102 @@
+// The example graphs, run by kest-run as a user would run them (on a free port instead of 7000).
+
+#include "intercom/udpstation.h"
+#include "kestrunprocess.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QTemporaryDir>
+#include <QTest>
+
+class TestDemo : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void demoPlaysToneIntoStationTwo();
+    void stationExampleTalksToItsRelay();
+
+private:
+    // The example with every "port": 7000 moved to `port`.
+    QString exampleOnPort(const QString &name, quint16 port, int expectedPorts);
+
+    QTemporaryDir dir;
+};
+
+QString TestDemo::exampleOnPort(const QString &name, quint16 port, int expectedPorts)
+{
+    QFile file(QStringLiteral(KEST_SOURCE_DIR "/examples/") + name);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QByteArray graph = file.readAll();
+    if (graph.count("\"port\": 7000") != expectedPorts)
+        return {};
+    graph.replace("\"port\": 7000", "\"port\": " + QByteArray::number(port));
+    const QString path = dir.filePath(name);
+    QFile out(path);
+    if (!out.open(QIODevice::WriteOnly) || out.write(graph) != graph.size())
+        return {};
+    return path;
+}
+
+void TestDemo::demoPlaysToneIntoStationTwo()
+{
+    const QString graph = exampleOnPort(QStringLiteral("demo.json"), freeUdpPort(), 3);
+    QVERIFY(!graph.isEmpty());
+    KestRun run;
+    QVERIFY(run.start({graph}));
+
+    // The tone of station 1 reaches station 2's speaker once the relay knows station 2 (its
+    // first alive, after 3 s), and the roster shows station 1 by name after its next alive.
+    bool toneHeard = false, rosterSeen = false;
+    QJsonObject lastState;
+    QElapsedTimer clock;
+    clock.start();
+    while (!(toneHeard && rosterSeen) && clock.elapsed() < 20000) {
+        const QJsonObject line = run.nextObject(1000);
+        if (line.value("node") == "speaker2" && line.value("event") == "level") {
+            const QJsonObject level = line.value("value").toObject();
+            toneHeard = toneHeard || (level.value("peak").toInt() == 16422 && level.value("packets").toInt() >= 50);
+        } else if (line.value("call") == "getState") {
+            lastState = line.value("result").toObject();
+            const QJsonArray list = lastState.value("list").toArray();
+            rosterSeen = list.size() == 1 && list[0].toObject() == QJsonObject{{"id", 1}, {"name", "Studio"}, {"talking", true}};
+        }
+        if (line.isEmpty() || line.value("event") == "level")
+            run.send(R"({"node":"station2","call":"getState"})");
+    }
+    QVERIFY(toneHeard);
+    QVERIFY2(rosterSeen, QJsonDocument(lastState).toJson().constData());
+    run.send(R"({"quit":true})");
+    QVERIFY(run.process.waitForFinished(5000));
+    QCOMPARE(run.process.exitCode(), 0);
+}
+
+void TestDemo::stationExampleTalksToItsRelay()
+{
+    UdpStation relay; // stands in for the relay on the other machine
+    const QString graph = exampleOnPort(QStringLiteral("station.json"), relay.port(), 1);
+    QVERIFY(!graph.isEmpty());
+    KestRun run;
+    QVERIFY(run.start({graph}));
+    bool audio = false, alive = false;
+    QElapsedTimer clock;
+    clock.start();
+    while (!(audio && alive) && clock.elapsed() < 10000) {
+        const auto got = relay.receive(1000);
+        if (!got)
+            continue;
+        if (got->bytes.startsWith(QByteArray("\x03\x01\x00", 3)))
+            audio = audio || got->bytes.size() == 3 + 960;
+        else
+            alive = alive || got->bytes == QByteArray("\x03\xff\x01Remote");
+    }
+    QVERIFY(audio);
+    QVERIFY(alive);
+    run.send(R"({"quit":true})");
+    QVERIFY(run.process.waitForFinished(5000));
+    QCOMPARE(run.process.exitCode(), 0);
+}
+
+QTEST_GUILESS_MAIN(TestDemo)
+#include "tst_demo.moc"
