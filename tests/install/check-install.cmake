@@ -1,4 +1,5 @@
-# Usage: cmake -DBUILD_DIR=... -DWORK_DIR=... -DCONSUMER_DIR=... -DGENERATOR=... [-DSANITIZE=...] -P check-install.cmake
+# Usage: cmake -DBUILD_DIR=... -DWORK_DIR=... -DCONSUMER_DIR=... -DGENERATOR=... [-DSANITIZE=...]
+#              [-DTOOLCHAIN_FILE=... -DARMHF_SYSROOT=... -DEMULATOR=prog|arg|...] -P check-install.cmake
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -26,9 +27,19 @@ if(SANITIZE)
     string(REPLACE ";" "," sanitizers "${SANITIZE}")
     set(flags -DCMAKE_CXX_FLAGS=-fsanitize=${sanitizers} -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=${sanitizers})
 endif()
+if(TOOLCHAIN_FILE)
+    # Cross: find_package looks only inside the sysroot, so the package is named directly.
+    file(GLOB_RECURSE config ${prefix}/*/KestNDIConfig.cmake)
+    get_filename_component(config_dir "${config}" DIRECTORY)
+    list(APPEND flags -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN_FILE} -DKestNDI_DIR=${config_dir})
+    if(ARMHF_SYSROOT)
+        list(APPEND flags -DKEST_ARMHF_SYSROOT=${ARMHF_SYSROOT})
+    endif()
+endif()
+string(REPLACE "|" ";" emulator "${EMULATOR}")
 run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/consumer -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${prefix} ${flags})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
-run(${WORK_DIR}/consumer/consumer)
+run(${emulator} ${WORK_DIR}/consumer/consumer)
 if(NOT last_output MATCHES "created KestIntercomServer by name")
     message(FATAL_ERROR "consumer output: ${last_output}")
 endif()

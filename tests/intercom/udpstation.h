@@ -15,6 +15,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -35,8 +37,12 @@ public:
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address));
-        const int on = 1;
-        ::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on));
+        // The first SIOCGSTAMPNS has nothing to report yet, but from then on the kernel stamps
+        // every arriving datagram; receive() reads each stamp back the same way. Unlike the
+        // SO_TIMESTAMPNS control message this works alike for 32- and 64-bit time and under
+        // qemu-user, which does not pass that option on.
+        timespec none{};
+        ::ioctl(fd, SIOCGSTAMPNS, &none);
         const int buffer = 4 << 20;
         ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof(buffer));
     }
@@ -67,24 +73,13 @@ public:
         if (::poll(&p, 1, timeoutMs) <= 0)
             return std::nullopt;
         static char buffer[65536];
-        char control[256];
-        iovec vec{buffer, sizeof(buffer)};
-        msghdr msg{};
-        msg.msg_iov = &vec;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof(control);
-        const ssize_t n = ::recvmsg(fd, &msg, 0);
+        const ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
         if (n < 0)
             return std::nullopt;
         Received r{QByteArray(buffer, int(n)), 0};
-        for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
-            if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_TIMESTAMPNS) {
-                timespec ts;
-                std::memcpy(&ts, CMSG_DATA(c), sizeof(ts));
-                r.stampNs = qint64(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-            }
-        }
+        timespec stamp{};
+        if (::ioctl(fd, SIOCGSTAMPNS, &stamp) == 0)
+            r.stampNs = qint64(stamp.tv_sec) * 1000000000 + stamp.tv_nsec;
         return r;
     }
 

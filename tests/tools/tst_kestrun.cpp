@@ -1,5 +1,7 @@
+#include "catalogue.h"
 #include "kestrunprocess.h"
 
+#include <QLibrary>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -25,6 +27,7 @@ class TestKestRun : public QObject
     Q_OBJECT
 private Q_SLOTS:
     void listShowsClassesWithSlots();
+    void listNamesEveryClassOfThePlugin();
     void badGraphExitsTwo_data();
     void badGraphExitsTwo();
     void controlProtocol();
@@ -45,6 +48,27 @@ void TestKestRun::listShowsClassesWithSlots()
     const QString out = QString::fromUtf8(run.readAllStandardOutput());
     QVERIFY2(out.contains(QStringLiteral("KestIntercomServer\n    onStart()\n    onStop()\n    onRead()\n    onTimerAlive()\n")),
              qPrintable(out));
+}
+
+void TestKestRun::listNamesEveryClassOfThePlugin()
+{
+    // The classes the plug-in registers when this process loads it...
+    QLibrary library(QStringLiteral(KEST_LIBRARY_PATH));
+    QVERIFY2(library.load(), qPrintable(library.errorString()));
+    const QStringList registered = nodeClassNames();
+    QVERIFY(!registered.isEmpty());
+
+    // ...are all listed by kest-run, which finds the plug-in itself (next to it, in ../lib).
+    QProcess run;
+    startKestRun(run, {QStringLiteral("--list")});
+    QVERIFY(run.waitForFinished(10000));
+    QCOMPARE(run.exitCode(), 0);
+    QStringList listed;
+    for (const QString &line : QString::fromUtf8(run.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        if (!line.startsWith(QLatin1Char(' ')))
+            listed << line;
+    for (const QString &name : registered)
+        QVERIFY2(listed.contains(name), qPrintable(name + QStringLiteral(" is missing from: ") + listed.join(QLatin1Char(' '))));
 }
 
 void TestKestRun::badGraphExitsTwo_data()
