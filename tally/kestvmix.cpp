@@ -78,12 +78,12 @@ void KestVMix::onConnected()
 
 void KestVMix::onRead()
 {
-    // A listener of the event may give new settings, which can replace the socket.
+    // A listener of the event may give new settings, which closes this socket or discards it
+    // (deleteLater, so it stays valid here).
     QTcpSocket *const current = socket;
-    const auto connected = [&] { return socket == current && current->state() == QAbstractSocket::ConnectedState; };
-    while (connected() && current->canReadLine())
+    while (current->state() == QAbstractSocket::ConnectedState && current->canReadLine())
         dealMessage(VMix::lineText(current->readLine()));
-    if (connected() && current->bytesAvailable() > VMix::kMaxLineBytes) {
+    if (current->state() == QAbstractSocket::ConnectedState && current->bytesAvailable() > VMix::kMaxLineBytes) {
         nodeLog(this) << "no line feed in" << current->bytesAvailable() << "bytes, dropping the connection";
         current->abort(); // disconnected() starts the retry cycle
     }
