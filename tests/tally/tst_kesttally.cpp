@@ -51,6 +51,7 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
+    void hostSurface();
     void framesReachTheDevice_data();
     void framesReachTheDevice();
     void portSettingsAndRestart();
@@ -111,6 +112,21 @@ KestTally *TestKestTally::startNode(const QVariantMap &settings)
         node->data.insert(it.key(), it.value());
     node->start();
     return node.get();
+}
+
+void TestKestTally::hostSurface()
+{
+    KestTally tally;
+    QCOMPARE(tally.typeName, QStringLiteral("share"));
+    QCOMPARE(tally.typeId, 2);
+    const QVariantMap defaults{{"uart", "/dev/ttyUSB0"}, {"baudRate", 9600}, {"gpio", "GPIO0_3"}, {"init", "AT+C077"}};
+    QCOMPARE(tally.data, defaults);
+    QStringList slotNames;
+    const QMetaObject *mo = tally.metaObject();
+    for (int i = mo->methodOffset(); i < mo->methodCount(); ++i)
+        if (mo->method(i).methodType() == QMetaMethod::Slot)
+            slotNames << QString::fromLatin1(mo->method(i).methodSignature());
+    QCOMPARE(slotNames, (QStringList{"onStart()", "onStop()", "setTally(QVariant)", "setIndex(QVariant)", "sendAT(QVariant)", "onRead()"}));
 }
 
 void TestKestTally::framesReachTheDevice_data()

@@ -103,7 +103,13 @@ void TestKestVMix::idleUntilConfigured()
 {
     QCOMPARE(node->typeId, 2);
     QCOMPARE(node->typeName, KestObject().typeName);
-    QCOMPARE(node->data.value(QStringLiteral("port")), QVariant(8099));
+    QCOMPARE(node->data, (QVariantMap{{QStringLiteral("port"), 8099}}));
+    QStringList slotNames;
+    const QMetaObject *mo = node->metaObject();
+    for (int i = mo->methodOffset(); i < mo->methodCount(); ++i)
+        if (mo->method(i).methodType() == QMetaMethod::Slot)
+            slotNames << QString::fromLatin1(mo->method(i).methodSignature());
+    QCOMPARE(slotNames, (QStringList{"onSetData(QVariantMap)", "onConnected()", "onRead()", "onDisconnect()", "onTimer()"}));
     QVERIFY(!timer()->isActive());
     QVERIFY(sockets().isEmpty());
     node->start(); // not what connects
