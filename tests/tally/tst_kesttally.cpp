@@ -138,9 +138,7 @@ void TestKestTally::framesReachTheDevice_data()
                                       << QByteArray::fromHex("01010204ff");
     QTest::newRow("setTally, inputs 8 and 9 ignored")
         << QByteArray("setTally") << QVariant(QVariantList{1, 0, 0, 0, 0, 0, 0, 2, 2, 1}) << QByteArray::fromHex("01800182ff");
-    QTest::newRow("setTally, nothing lit") << QByteArray("setTally") << QVariant(QVariantList{0, 0}) << QByteArray::fromHex("01000001ff");
     QTest::newRow("setIndex 1") << QByteArray("setIndex") << QVariant(1) << QByteArray::fromHex("020002ff");
-    QTest::newRow("setIndex 12") << QByteArray("setIndex") << QVariant(12) << QByteArray::fromHex("020b0dff");
 }
 
 void TestKestTally::framesReachTheDevice()

@@ -141,18 +141,15 @@ void TestKestVMix::linesBecomeEvents_data()
     QTest::addColumn<QList<QByteArray>>("chunks");
     QTest::addColumn<QList<QVariantList>>("expected");
     QTest::addColumn<int>("beforeLastChunk"); // events due before the last chunk is sent
+    // Framing over a real connection; what a line means is tst_vmixline's table.
     using Chunks = QList<QByteArray>;
     using Events = QList<QVariantList>;
     QTest::newRow("tally report") << Chunks{"TALLY OK 0121\r\n"} << Events{{0, 1, 2, 1}} << 0;
-    QTest::newRow("empty tally") << Chunks{"TALLY OK \r\n"} << Events{{}} << 0;
-    QTest::newRow("four fields ignored") << Chunks{"TALLY OK 01 2\r\n"} << Events{} << 0;
-    QTest::newRow("lower case ignored") << Chunks{"tally OK 012\r\n"} << Events{} << 0;
     QTest::newRow("two lines in one read") << Chunks{"TALLY OK 01\r\nTALLY OK 10\r\n"} << Events{{0, 1}, {1, 0}} << 0;
     QTest::newRow("line split across reads") << Chunks{"TALLY O", "K 0121\r\n"} << Events{{0, 1, 2, 1}} << 0;
     QTest::newRow("split between CR and LF") << Chunks{"TALLY OK 12\r", "\n"} << Events{{1, 2}} << 0;
     QTest::newRow("line end and next line start together")
         << Chunks{"TALLY OK 1\r\nTALLY", " OK 2\r\n"} << Events{{1}, {2}} << 1;
-    QTest::newRow("letter reads as 0") << Chunks{"TALLY OK 1a2\r\n"} << Events{{1, 0, 2}} << 0;
     QTest::newRow("bare line feed alone") << Chunks{"\n"} << Events{} << 0;
     QTest::newRow("bare line feed ends a line") << Chunks{"TALLY OK 012\n"} << Events{{0, 1, 2, 0}} << 0;
     QTest::newRow("banner and replies between reports")
