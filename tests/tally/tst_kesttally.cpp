@@ -386,6 +386,10 @@ void TestKestTally::startRemovesStaleLocksInTmp()
     const QString device = unique(QStringLiteral("kesttty"));
     const QStringList stale{"/tmp/LCK.." + device, "/tmp/" + device + ".lock"};
     const QString unrelated = "/tmp/" + unique(QStringLiteral("kestother"));
+    const auto tidy = qScopeGuard([&] {
+        for (const QString &path : stale + QStringList{unrelated})
+            QFile::remove(path);
+    });
     for (const QString &path : stale + QStringList{unrelated}) {
         QFile f(path);
         QVERIFY2(f.open(QIODevice::WriteOnly), qPrintable(path));
@@ -393,7 +397,7 @@ void TestKestTally::startRemovesStaleLocksInTmp()
     startNode({{QStringLiteral("uart"), "/dev/" + device}});
     for (const QString &path : stale)
         QVERIFY2(!QFileInfo::exists(path), qPrintable(path));
-    QVERIFY(QFile::remove(unrelated));
+    QVERIFY(QFileInfo::exists(unrelated));
 }
 
 void TestKestTally::uartIsNeverACommand_data()
@@ -422,6 +426,10 @@ void TestKestTally::uartIsNeverACommand()
     const QString previous = QDir::currentPath();
     QVERIFY(QDir::setCurrent(work.path()));
     const QString survivor = "/tmp/" + unique(QStringLiteral("kest-survivor-"));
+    const auto tidy = qScopeGuard([&] {
+        QDir::setCurrent(previous);
+        QFile::remove(survivor);
+    });
     QFile f(survivor);
     QVERIFY(f.open(QIODevice::WriteOnly));
     f.close();
@@ -434,7 +442,6 @@ void TestKestTally::uartIsNeverACommand()
     if (!marker.isEmpty())
         QVERIFY(!QFileInfo::exists("/tmp/" + marker));
     QVERIFY(QFileInfo::exists(survivor));
-    QFile::remove(survivor);
     QCOMPARE(KestGPIO::calls().size(), 2); // the init command is still sent
 }
 
