@@ -36,7 +36,7 @@ void TestRegistration::initTestCase()
 void TestRegistration::expectedClassesAreRegistered_data()
 {
     QTest::addColumn<QString>("className");
-    for (const char *name : {"KestIntercomServer"})
+    for (const char *name : {"KestIntercomServer", "KestTallyArbiter"})
         QTest::newRow(name) << QString::fromLatin1(name);
 }
 
