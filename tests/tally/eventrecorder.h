@@ -59,6 +59,23 @@ private:
     QElapsedTimer clock;
 };
 
+// Flash steps are 100 ms apart. A repeating timer catches up after a late tick, so single
+// gaps may be short; the whole run may not.
+inline bool flashTimingHolds(const QVector<qint64> &times, QString *why)
+{
+    for (int i = 1; i < times.size(); ++i) {
+        if (times.at(i) - times.at(i - 1) < 50) {
+            *why = QStringLiteral("step %1 came %2 ms after the one before").arg(i).arg(times.at(i) - times.at(i - 1));
+            return false;
+        }
+    }
+    if (times.size() > 1 && times.last() - times.first() < (times.size() - 1) * 95) {
+        *why = QStringLiteral("%1 steps took %2 ms").arg(times.size()).arg(times.last() - times.first());
+        return false;
+    }
+    return true;
+}
+
 // The ten colours of a flash, white first.
 inline QStringList flashColours()
 {
