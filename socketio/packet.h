@@ -6,8 +6,9 @@
 
 namespace SocketIO {
 
-// Engine.IO packet type: the first character of every frame.
-enum FrameType { Open = 0, Close = 1, Ping = 2, Pong = 3, Message = 4, Upgrade = 5, Noop = 6 };
+// Engine.IO packet type: the first character of every frame. Any digit decodes, so the type
+// holds values beyond the table as well.
+enum FrameType : int { Open = 0, Close = 1, Ping = 2, Pong = 3, Message = 4, Upgrade = 5, Noop = 6 };
 
 // Socket.IO packet types, the second character of a Message frame.
 enum PacketType { Connect = 0, Disconnect = 1, Event = 2, Ack = 3, Error = 4, BinaryEvent = 5, BinaryAck = 6 };
