@@ -17,7 +17,7 @@ constexpr int kFlashStepMs = 100;
 constexpr int kFlashSteps = 10;
 constexpr int kFirstReconnectDelayMs = 1000;
 constexpr int kMaxReconnectDelayMs = 30000;
-// Covers what the session reports nowhere, such as a WebSocket that never connects.
+// Covers what the session reports nowhere, such as a WebSocket upgrade that is never answered.
 constexpr int kAttemptTimeoutMs = 10000;
 
 const QString kWhite = QStringLiteral("#ffffff");
@@ -125,11 +125,9 @@ void KestTallyArbiter::onConnected()
 void KestTallyArbiter::onDisconnected()
 {
     nodeLog(this) << "onDisconnected";
-    const bool wasConnected = connected;
     connected = false;
-    // While an attempt is under way, a disconnect is the previous WebSocket closing late.
-    if (wasConnected || !attemptTimer.isActive())
-        scheduleReconnect();
+    attemptTimer.stop();
+    scheduleReconnect();
 }
 
 void KestTallyArbiter::regist()

@@ -125,6 +125,8 @@ public:
         return post("/handshake", QJsonObject{{QStringLiteral("status"), status}, {QStringLiteral("body"), body}});
     }
     bool restoreHandshake() const { return post("/handshake", {}); }
+    // "refuse": WebSocket upgrades are closed at once; "hang": never answered; "accept".
+    bool setUpgrades(const QString &mode) const { return post("/upgrades", QJsonObject{{QStringLiteral("mode"), mode}}); }
 
     quint16 port = 0;
     quint16 controlPort = 0;

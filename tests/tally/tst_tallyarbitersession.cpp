@@ -66,6 +66,8 @@ private Q_SLOTS:
     void reconnectBacksOff();
     void failedHandshake_data();
     void failedHandshake();
+    void failedUpgrade_data();
+    void failedUpgrade();
 };
 
 void TestTallyArbiterSession::initTestCase()
@@ -280,6 +282,36 @@ void TestTallyArbiterSession::failedHandshake()
     }
     QTRY_COMPARE_WITH_TIMEOUT(received(server, QStringLiteral("listenerclient_connect")).size(), 1, kConnectWaitMs);
     QCOMPARE(server.requests().size(), 4);
+}
+
+void TestTallyArbiterSession::failedUpgrade_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::addColumn<int>("retryAfterMs"); // at the earliest
+    QTest::addColumn<int>("retryBeforeMs");
+    QTest::newRow("connection closed: retried after the first delay") << "refuse" << 950 << 5000;
+    QTest::newRow("never answered: retried after the attempt time-out") << "hang" << 9500 << 15000;
+}
+
+void TestTallyArbiterSession::failedUpgrade()
+{
+    QFETCH(QString, mode);
+    QFETCH(int, retryAfterMs);
+    QFETCH(int, retryBeforeMs);
+    SioServer server;
+    START_SERVER(server, {});
+    QVERIFY(server.setUpgrades(mode));
+    KestTallyArbiter node;
+    pointAt(node, server, true);
+    node.start();
+    QTRY_COMPARE_WITH_TIMEOUT(server.requests().size(), 3, kConnectWaitMs);
+    QElapsedTimer sinceUpgrade;
+    sinceUpgrade.start();
+    QVERIFY(server.setUpgrades(QStringLiteral("accept")));
+    QTRY_COMPARE_WITH_TIMEOUT(received(server, QStringLiteral("listenerclient_connect")).size(), 1, 20000);
+    QVERIFY2(sinceUpgrade.elapsed() >= retryAfterMs - 200 && sinceUpgrade.elapsed() < retryBeforeMs,
+             qPrintable(QString::number(sinceUpgrade.elapsed())));
+    QCOMPARE(server.requests().size(), 6);
 }
 
 QTEST_GUILESS_MAIN(TestTallyArbiterSession)
