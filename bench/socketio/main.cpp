@@ -23,6 +23,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 namespace {
 
 constexpr int kConnects = 30;
@@ -181,6 +183,8 @@ void BM_Baseline_Connect_NodeClient(benchmark::State &state)
 class Reporter : public benchmark::ConsoleReporter
 {
 public:
+    Reporter() : ConsoleReporter(isatty(fileno(stdout)) ? OO_Defaults : OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run> &runs) override
     {
         for (const Run &run : runs)
