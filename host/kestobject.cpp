@@ -111,7 +111,8 @@ void KestObject::setData(const QVariantMap &settings)
     for (auto it = settings.constBegin(); it != settings.constEnd(); ++it)
         data.insert(it.key(), it.value());
     refreshHostSettings();
-    onSetData(data);
+    // The node reads its keys from `data`; the argument tells it which ones just arrived.
+    onSetData(settings);
 }
 
 void KestObject::refreshHostSettings()

@@ -54,7 +54,7 @@ public:
 
     // Host side: naming, settings and the links of the graph.
     void setName(const QString &name);
-    void setData(const QVariantMap &settings); // merge into data, then onSetData(data)
+    void setData(const QVariantMap &settings); // merge into data, then onSetData(settings)
     void link(KestObject *to, Media media);
     void unlink(KestObject *to);
 

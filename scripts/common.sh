@@ -34,3 +34,15 @@ configure_and_build() {
     cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
     cmake --build "$dir" -j "$(nproc)"
 }
+
+# Runs a command in a private network namespace with only loopback, where the machine allows
+# it: test traffic cannot leave 127.0.0.1 and fixed peer ports cannot clash with anything else
+# running here. Elsewhere it runs the command as it is.
+in_private_network() {
+    if command -v unshare >/dev/null && command -v ip >/dev/null && unshare -rn true 2>/dev/null; then
+        unshare -rn sh -c 'ip link set lo up && exec "$@"' sh "$@"
+    else
+        echo "(no private network namespace here; running in the machine's own)"
+        "$@"
+    fi
+}
