@@ -8,6 +8,7 @@
 #include "packetqueue.h"
 #include "registration.h"
 
+#include <QMetaMethod>
 #include <QThread>
 #include <QTimer>
 
@@ -45,6 +46,12 @@ QByteArray configText(const QString &path)
 const uint8_t *bytes(const void *data)
 {
     return static_cast<const uint8_t *>(data);
+}
+
+// The drain slots, found once: invoking a slot by name looks it up and allocates on every call.
+QMetaMethod slotNamed(const char *signature)
+{
+    return KestNDISend::staticMetaObject.method(KestNDISend::staticMetaObject.indexOfSlot(signature));
 }
 
 QVariantMap tallyMap(const NDIlib_tally_t &tally)
@@ -202,8 +209,10 @@ void KestNDISend::onNewPacketV(Packet pkt)
         requestKeyFrame(mainStream, pkt, "need IDR main");
     else if (pkt.source == subStream.encoder)
         requestKeyFrame(subStream, pkt, "need IDR sub");
+    // Queued when the host delivers from another thread, a direct call otherwise.
+    static const QMetaMethod sendVSlot = slotNamed("sendV()");
     if (bufferPacketV(pkt))
-        QMetaObject::invokeMethod(this, "sendV", Qt::AutoConnection);
+        sendVSlot.invoke(this, Qt::AutoConnection);
 }
 
 void KestNDISend::sendV()
@@ -266,8 +275,9 @@ void KestNDISend::onNewPacketA(Packet pkt)
 {
     if (audioFrame.FourCC == NDIlib_FourCC_audio_type_max || !sender)
         return;
+    static const QMetaMethod sendASlot = slotNamed("sendA()");
     if (bufferPacketA(pkt))
-        QMetaObject::invokeMethod(this, "sendA", Qt::AutoConnection);
+        sendASlot.invoke(this, Qt::AutoConnection);
 }
 
 void KestNDISend::sendA()
