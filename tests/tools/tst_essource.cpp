@@ -2,6 +2,7 @@
 // runtime. ffprobe's own cut of each clip is the reference.
 
 #include "essource.h"
+#include "intercom/udpstation.h"
 #include "kestrunprocess.h"
 #include "testmedia.h"
 #include "testruntime.h"
@@ -10,6 +11,8 @@
 #include "ndi/kestndisend.h"
 #include "ndi/ndiruntime.h"
 
+#include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -88,7 +91,7 @@ private Q_SLOTS:
     void senderAsksForKeyFrameWhenReceiverJoins();
     void unusableFiles_data();
     void unusableFiles();
-    void runsInKestRun();
+    void demoGraphPublishesNdiSource();
 
 private:
     QString clip(TestMedia::Kind kind);
@@ -373,40 +376,53 @@ void TestEsSource::unusableFiles()
     source.stop();
 }
 
-void TestEsSource::runsInKestRun()
+void TestEsSource::demoGraphPublishesNdiSource()
 {
     const QString video = clip(TestMedia::H264), audio = clip(TestMedia::Aac);
     if (video.isEmpty() || audio.isEmpty())
         QSKIP("no test clip: ffmpeg or its encoder is missing");
+    // The demo graph as scripts/demo runs it: from a folder holding build-demo/media, with the
+    // intercom moved off port 7000.
     QTemporaryDir dir;
-    const QString graph = dir.filePath("graph.json");
-    QFile file(graph);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(QJsonDocument::fromVariant(QVariantMap{
-        {"nodes", QVariantList{QVariantMap{{"name", "main"}, {"class", "EsSource"}, {"data", QVariantMap{{"file", video}, {"width", 1280}}}},
-                               QVariantMap{{"name", "sound"}, {"class", "EsSource"}, {"data", QVariantMap{{"file", audio}}}},
-                               QVariantMap{{"name", "ndi"}, {"class", "KestNDISend"}, {"data", QVariantMap{{"name", "kest-run test"}}}}}},
-        {"links", QVariantList{QVariantMap{{"from", "main"}, {"to", "ndi"}, {"media", "video"}},
-                               QVariantMap{{"from", "sound"}, {"to", "ndi"}, {"media", "audio"}}}}}).toJson());
-    file.close();
+    QVERIFY(QDir(dir.path()).mkpath("build-demo/media"));
+    QVERIFY(QFile::copy(video, dir.filePath("build-demo/media/main.h264")));
+    QVERIFY(QFile::copy(video, dir.filePath("build-demo/media/sub.h264")));
+    QVERIFY(QFile::copy(audio, dir.filePath("build-demo/media/audio.aac")));
+    QFile demo(KEST_SOURCE_DIR "/examples/demo.json");
+    QVERIFY(demo.open(QIODevice::ReadOnly));
+    QByteArray graph = demo.readAll();
+    graph.replace("\"port\": 7000", "\"port\": " + QByteArray::number(freeUdpPort()));
+    QFile out(dir.filePath("demo.json"));
+    QVERIFY(out.open(QIODevice::WriteOnly));
+    out.write(graph);
+    out.close();
 
-    QProcess run;
+    KestRun run;
+    run.process.setWorkingDirectory(dir.path());
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("NDI_RUNTIME_DIR_V5", qEnvironmentVariable("NDI_RUNTIME_DIR_V5"));
-    run.setProcessEnvironment(env);
-    startKestRun(run, {graph});
-    QVERIFY(run.waitForStarted(5000));
-    run.write("{\"node\":\"main\",\"call\":\"idrCount\"}\n{\"node\":\"ndi\",\"call\":\"getTally\"}\n");
-    QTRY_VERIFY_WITH_TIMEOUT(run.canReadLine(), 10000);
-    QCOMPARE(QJsonDocument::fromJson(run.readLine()).object().value("result").toInt(-1), 0);
-    QTRY_VERIFY_WITH_TIMEOUT(run.canReadLine(), 10000);
-    const QVariantMap tally = QJsonDocument::fromJson(run.readLine()).object().value("result").toVariant().toMap();
-    QCOMPARE(tally, (QVariantMap{{"program", false}, {"preview", false}}));
-    run.write("{\"quit\":true}\n");
-    QVERIFY(run.waitForFinished(10000));
-    QCOMPARE(run.exitCode(), 0);
-    const QString log = QString::fromUtf8(run.readAllStandardError());
-    QCOMPARE(log.trimmed(), QStringLiteral("[ndi] NDI create")); // played without a complaint
+    run.process.setProcessEnvironment(env);
+    QVERIFY(run.start({"demo.json"}));
+    run.send(R"({"node":"camera-main","call":"idrCount"})");
+    run.send(R"({"node":"ndi-out","call":"getTally"})");
+    QVariantMap results;
+    QElapsedTimer clock;
+    clock.start();
+    while (results.size() < 2 && clock.elapsed() < 10000) {
+        const QJsonObject line = run.nextObject(1000);
+        if (line.contains("call"))
+            results[line.value("call").toString()] = line.value("result").toVariant();
+    }
+    QCOMPARE(results.value("idrCount"), QVariant(0));
+    QCOMPARE(results.value("getTally").toMap(), (QVariantMap{{"program", false}, {"preview", false}}));
+    run.send(R"({"quit":true})");
+    QVERIFY(run.process.waitForFinished(10000));
+    QCOMPARE(run.process.exitCode(), 0);
+    // The sender came up, and none of the encoders had anything to complain about.
+    const QStringList log = QString::fromUtf8(run.process.readAllStandardError()).split('\n');
+    QVERIFY2(log.contains("[ndi-out] NDI create"), qPrintable(log.join('\n')));
+    for (const QString &line : log)
+        QVERIFY2(!line.startsWith("[camera-") && !line.startsWith("[microphone]"), qPrintable(line));
 }
 
 QTEST_GUILESS_MAIN(TestEsSource)
