@@ -6,7 +6,8 @@
 //
 // All functions are thread-safe. Handles are the ones the NDI functions returned; an unknown or
 // destroyed handle makes a query return false / 0 / NULL. Strings and arrays returned here stay
-// valid until the instance they belong to is destroyed, unless a function says otherwise.
+// valid until the instance they belong to is destroyed or changed (a receiver connected to
+// another source), unless a function says otherwise.
 
 #include "ndi/ndiabi.h"
 

@@ -354,6 +354,9 @@ void Network::destroyFinder(Finder *f)
 
 void Network::connect(Receiver &r, const NDIlib_source_t *source)
 {
+    // Asked again for the source it already has: the connection stays as it is.
+    if (r.wantsSource && source && source->p_ndi_name && r.wantedName == source->p_ndi_name)
+        return;
     detach(r, false);
     r.wantsSource = source && source->p_ndi_name;
     r.wantedName = r.wantsSource ? source->p_ndi_name : "";

@@ -469,6 +469,13 @@ void TestNdiRuntime::connectionMetadata()
     const auto got = after.drain(NDIlib_frame_type_metadata); // and to every new connection
     QCOMPARE(got.size(), 1);
     QCOMPARE(got[0].bytes, text);
+    // Connecting again to the same source changes nothing: no second greeting.
+    const QByteArray name = ndiSourceName("meta");
+    NDIlib_source_t source{};
+    source.p_ndi_name = name.constData();
+    NDIlib_recv_connect(after.handle, &source);
+    QCOMPARE(after.drain(NDIlib_frame_type_metadata).size(), 0);
+    QCOMPARE(NDIlib_send_get_no_connections(s.handle, 0), 2);
     NDIlib_send_clear_connection_metadata(s.handle);
     TestReceiver last(ndiSourceName("meta"));
     QCOMPARE(last.drain(NDIlib_frame_type_metadata).size(), 0);
