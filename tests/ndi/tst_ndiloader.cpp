@@ -1,0 +1,228 @@
+// The NDI runtime loader. It resolves once per process, so CTest runs each case as its own
+// process with its own environment (tests/ndi/CMakeLists.txt); KEST_LOADER_CASE names it.
+
+#include "kestencodev.h"
+#include "kesttest.h"
+#include "kesthi.h"
+#include "ndi/kestndisend.h"
+#include "ndi/ndiruntime.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QSignalSpy>
+#include <QTest>
+#include <QThread>
+
+#include <dlfcn.h>
+
+#include <memory>
+#include <set>
+#include <vector>
+
+namespace {
+
+QStringList logLines;
+
+void collectLog(QtMsgType, const QMessageLogContext &, const QString &message)
+{
+    logLines << message;
+}
+
+const QStringList kAdvancedFunctions{"NDIlib_recv_create_v4", "NDIlib_send_create_v2", "NDIlib_send_is_keyframe_required",
+                                     "NDIlib_send_send_video_scatter", "NDIlib_send_send_audio_scatter"};
+
+// A test-control function of the runtime the loader loaded. Looked up rather than linked: the
+// case decides which runtime that is.
+template <typename F>
+F control(const char *name)
+{
+    void *handle = ::dlopen(QFile::encodeName(NdiRuntime::instance().fileName()).constData(), RTLD_NOW | RTLD_NOLOAD);
+    return handle ? reinterpret_cast<F>(::dlsym(handle, name)) : nullptr;
+}
+
+struct Feed
+{
+    KestEncodeV encoder;
+    QByteArray bytes{"frame"};
+    Packet video() { return packet(0); }
+    Packet delta() { return packet(1); }
+    Packet packet(int frameType)
+    {
+        Packet p;
+        p.data = bytes.data();
+        p.len = bytes.size();
+        p.pts = 1000;
+        p.frameType = frameType;
+        p.source = &encoder;
+        return p;
+    }
+    void describe(KestNDISend &node)
+    {
+        node.onNewInfoV({KestCodec::H264, {{"width", 1920}, {"height", 1080}}, &encoder});
+        node.onNewInfoA({KestCodec::AAC, {{"samplerate", 48000}, {"channels", 2}, {"frame_size", 1024}}, nullptr});
+    }
+};
+
+} // namespace
+
+class TestNdiLoader : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void runtimeAbsent();
+    void runtimeWithoutAdvanced();
+    void runtimePresent();
+    void runtimeOnLoaderPath();
+
+private:
+    static bool isCase(const char *name) { return qgetenv("KEST_LOADER_CASE") == name; }
+};
+
+void TestNdiLoader::initTestCase()
+{
+    qInstallMessageHandler(collectLog);
+}
+
+void TestNdiLoader::runtimeAbsent()
+{
+    if (!isCase("absent"))
+        QSKIP("runs through ctest, which sets up the environment of this case");
+    const QString dir = qEnvironmentVariable("NDI_RUNTIME_DIR_V5");
+    const NdiRuntime &runtime = NdiRuntime::instance();
+    QVERIFY(!runtime.isAvailable());
+    QVERIFY(runtime.fileName().isEmpty());
+    // One line names what was tried and why it failed.
+    QVERIFY2(runtime.problem().startsWith("NDI unavailable: cannot load libndi.so.5 ("), qPrintable(runtime.problem()));
+    QVERIFY2(runtime.problem().contains(dir + "/libndi.so.5"), qPrintable(runtime.problem()));
+
+    // Nodes stay idle: nothing crashes, nothing waits, and the problem is logged once.
+    Feed feed;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    KestNDISend first, second;
+    first.setName("first");
+    second.setName("second");
+    first.setData({{"name", "a"}});
+    second.setData({{"name", "b"}});
+    first.start();
+    second.start();
+    feed.describe(first);
+    first.onNewPacketV(feed.video());
+    first.onNewPacketA(feed.video());
+    first.onTimer();
+    QCOMPARE(first.getTally(), QVariant(QVariantMap{{"program", false}, {"preview", false}}));
+    first.stop();
+    second.stop();
+    QVERIFY(first.packetsV.isEmpty() && first.packetsA.isEmpty());
+    QVERIFY2(elapsed.elapsed() < 900, "no sender was created, so nothing is spaced");
+    QCOMPARE(logLines, QStringList{"[first] " + runtime.problem()});
+}
+
+void TestNdiLoader::runtimeWithoutAdvanced()
+{
+    if (!isCase("standard"))
+        QSKIP("runs through ctest, which sets up the environment of this case");
+    const NdiRuntime &runtime = NdiRuntime::instance();
+    QVERIFY(runtime.isAvailable());
+    QCOMPARE(runtime.fileName(), QStringLiteral(KEST_NDI_STANDARD_RUNTIME_DIR "/libndi.so.5"));
+    QCOMPARE(runtime.missingFunctions(), kAdvancedFunctions);
+    const NdiFunctions &f = runtime.functions();
+    QVERIFY(!f.send_create_v2 && !f.recv_create_v4 && !f.send_is_keyframe_required && !f.send_send_video_scatter
+            && !f.send_send_audio_scatter);
+    QVERIFY(runtime.problem().startsWith("NDI runtime " KEST_NDI_STANDARD_RUNTIME_DIR "/libndi.so.5 lacks the Advanced SDK functions "
+                                         + kAdvancedFunctions.join(", ")));
+
+    // What does not need the Advanced SDK still works: the source exists with its
+    // capabilities, and the tally comes back. Compressed media cannot go out.
+    Feed feed;
+    KestNDISend node;
+    node.setName("ndi");
+    node.setData({{"name", "plain"}, {"config", "/nonexistent"}});
+    node.start();
+    QCOMPARE(logLines, (QStringList{"[ndi] " + runtime.problem(), "[ndi] NDI create"}));
+    const auto senderAt = control<decltype(&kesttest_sender_at)>("kesttest_sender_at");
+    const auto senderInfo = control<decltype(&kesttest_sender_info)>("kesttest_sender_info");
+    const auto sentCount = control<decltype(&kesttest_sent_frame_count)>("kesttest_sent_frame_count");
+    QVERIFY(senderAt && senderInfo && sentCount);
+    kesttest_sender_info_t info{};
+    QVERIFY(senderInfo(senderAt(0), &info));
+    QCOMPARE(QByteArray(info.p_ndi_name), QByteArray("plain"));
+    QVERIFY(!info.created_with_config);
+    QCOMPARE(info.no_connection_metadata, 1);
+
+    NDIlib_find_instance_t finder = f.find_create_v2(nullptr);
+    uint32_t count = 0;
+    const NDIlib_source_t *sources = f.find_get_current_sources(finder, &count);
+    QCOMPARE(count, 1u);
+    QVERIFY(QByteArray(sources[0].p_ndi_name).endsWith(" (plain)"));
+    NDIlib_recv_create_v3_t settings{};
+    settings.source_to_connect_to = sources[0];
+    settings.bandwidth = NDIlib_recv_bandwidth_highest;
+    NDIlib_recv_instance_t receiver = f.recv_create_v3(&settings);
+    const NDIlib_tally_t onAir{true, false};
+    QVERIFY(f.recv_set_tally(receiver, &onAir));
+    QSignalSpy events(&node, &KestObject::eventSent);
+    node.onTimer();
+    QCOMPARE(events.count(), 1);
+    QCOMPARE(node.getTally(), QVariant(QVariantMap{{"program", true}, {"preview", false}}));
+
+    feed.describe(node);
+    node.onNewPacketV(feed.delta()); // a receiver is waiting, but nobody can be asked
+    node.onNewPacketA(feed.video());
+    QCOMPARE(sentCount(senderAt(0)), 0);
+    f.recv_destroy(receiver);
+    f.find_destroy(finder);
+    node.stop();
+}
+
+void TestNdiLoader::runtimePresent()
+{
+    if (!isCase("present"))
+        QSKIP("runs through ctest, which sets up the environment of this case");
+    // Many first callers at once still load once and share one result.
+    std::vector<const NdiRuntime *> seen(8, nullptr);
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (size_t i = 0; i < seen.size(); ++i)
+        threads.emplace_back(QThread::create([&seen, i] { seen[i] = &NdiRuntime::instance(); }));
+    for (auto &t : threads)
+        t->start();
+    for (auto &t : threads)
+        QVERIFY(t->wait(10000));
+    QCOMPARE(std::set<const NdiRuntime *>(seen.begin(), seen.end()).size(), size_t(1));
+
+    const NdiRuntime &runtime = NdiRuntime::instance();
+    QVERIFY(runtime.isAvailable());
+    // The folder of NDI_RUNTIME_DIR_V5 wins over the loader's path (which names the other one).
+    QCOMPARE(runtime.fileName(), QStringLiteral(KEST_NDI_RUNTIME_DIR "/libndi.so.5"));
+    QVERIFY(runtime.missingFunctions().isEmpty());
+    QVERIFY(runtime.problem().isEmpty());
+
+    Feed feed;
+    KestNDISend node;
+    node.setName("ndi");
+    node.setData({{"name", "full"}, {"config", "/nonexistent"}});
+    feed.describe(node);
+    node.onNewPacketV(feed.video());
+    node.onNewPacketA(feed.video());
+    const auto senderAt = control<decltype(&kesttest_sender_at)>("kesttest_sender_at");
+    const auto sentCount = control<decltype(&kesttest_sent_frame_count)>("kesttest_sent_frame_count");
+    QVERIFY(senderAt && sentCount);
+    QCOMPARE(sentCount(senderAt(0)), 2);
+    QCOMPARE(logLines, QStringList{"[ndi] NDI create"});
+    node.stop();
+}
+
+void TestNdiLoader::runtimeOnLoaderPath()
+{
+    if (!isCase("loaderpath"))
+        QSKIP("runs through ctest, which sets up the environment of this case");
+    const NdiRuntime &runtime = NdiRuntime::instance();
+    QVERIFY2(runtime.isAvailable(), qPrintable(runtime.problem()));
+    QCOMPARE(runtime.fileName(), QStringLiteral("libndi.so.5"));
+    QVERIFY(runtime.problem().isEmpty());
+    QVERIFY(runtime.functions().send_send_video_scatter);
+}
+
+QTEST_GUILESS_MAIN(TestNdiLoader)
+#include "tst_ndiloader.moc"
