@@ -1,18 +1,45 @@
 #pragma once
 
-// The plain socket.io@4 server of tests/peers (sio-server.js) as a test fixture: started on
-// free 127.0.0.1 ports, stopped (and killed if need be) by its process id.
+// The plain socket.io@4 server of tests/peers (sio-server.js) as a test fixture: started on free
+// 127.0.0.1 ports, stopped (and killed if need be) by its process id. Also the blocking HTTP
+// call that tests use to drive local peers through their control ports.
 
-#include "socketio/peerhttp.h"
-
+#include <QEventLoop>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QStandardPaths>
 #include <QUrl>
 
 #include <csignal>
+
+struct PeerReply
+{
+    int status = 0; // 0: no answer
+    QByteArray body;
+    QJsonDocument json() const { return QJsonDocument::fromJson(body); }
+};
+
+// The event loop keeps running while it waits, so the code under test goes on working.
+inline PeerReply peerHttp(const QByteArray &method, const QUrl &url, const QByteArray &body = {})
+{
+    QNetworkAccessManager network;
+    QNetworkRequest request(url);
+    if (!body.isEmpty())
+        request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
+    request.setTransferTimeout(8000);
+    QNetworkReply *reply = network.sendCustomRequest(request, method, body);
+    QEventLoop loop;
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    loop.exec();
+    PeerReply result{reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), reply->readAll()};
+    delete reply;
+    return result;
+}
 
 class SioServer
 {
@@ -38,19 +65,17 @@ public:
         env.insert(QStringLiteral("SIO_LIFETIME_S"), QStringLiteral("600"));
         env.remove(QStringLiteral("SIO_CONTROL_PORT"));
         process.setProcessEnvironment(env);
-        process.setProcessChannelMode(QProcess::SeparateChannels);
         process.start(node, {QStringLiteral(KEST_PEERS_DIR "/sio-server.js"), QString::number(options.port)});
         if (!process.waitForStarted(5000))
             return QStringLiteral("cannot start node: ") + process.errorString();
-        // The first line names the ports.
-        while (!process.canReadLine()) {
+        while (!process.canReadLine()) { // the first line names the ports
             if (!process.waitForReadyRead(10000))
                 return QStringLiteral("sio-server.js did not start: ") + QString::fromUtf8(process.readAllStandardError());
         }
         const QJsonObject listening = QJsonDocument::fromJson(process.readLine()).object();
         port = quint16(listening.value(QStringLiteral("port")).toInt());
         controlPort = quint16(listening.value(QStringLiteral("control_port")).toInt());
-        if (listening.value(QStringLiteral("ev")).toString() != QLatin1String("listening") || !port || !controlPort)
+        if (!port || !controlPort)
             return QStringLiteral("unexpected first line from sio-server.js");
         return {};
     }
@@ -73,69 +98,68 @@ public:
 
     QUrl url() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)); }
 
-    QJsonArray events() const { return get("/events"); }
     QJsonArray requests() const { return get("/requests"); }
-    QJsonArray log() const { return get("/log"); }
     QJsonArray sockets() const { return get("/sockets"); }
 
     // Names of the events received so far, in order.
     QStringList eventNames() const
     {
         QStringList names;
-        for (const QJsonValue &event : events())
-            names << event.toObject().value(QStringLiteral("name")).toString();
+        for (const QJsonValue &event : get("/events"))
+            names << event[QStringLiteral("name")].toString();
         return names;
+    }
+    // The argument lists of the events of one name, in order.
+    QJsonArray eventArgs(const QString &name) const
+    {
+        QJsonArray result;
+        for (const QJsonValue &event : get("/events"))
+            if (event[QStringLiteral("name")].toString() == name)
+                result.append(event[QStringLiteral("args")]);
+        return result;
     }
 
     // Engine packets logged for one Engine.IO session: "in:message:2[\"version\"]", "out:ping:".
     QStringList enginePackets(const QString &engineSid) const
     {
         QStringList packets;
-        for (const QJsonValue &value : log()) {
-            const QJsonObject line = value.toObject();
-            const QString ev = line.value(QStringLiteral("ev")).toString();
-            if (line.value(QStringLiteral("sid")).toString() != engineSid || !ev.startsWith(QLatin1String("engine_packet_")))
-                continue;
-            packets << ev.mid(14) + QLatin1Char(':') + line.value(QStringLiteral("type")).toString() + QLatin1Char(':')
-                           + line.value(QStringLiteral("data")).toString();
+        for (const QJsonValue &line : get("/log")) {
+            const QString ev = line[QStringLiteral("ev")].toString();
+            if (line[QStringLiteral("sid")].toString() == engineSid && ev.startsWith(QLatin1String("engine_packet_")))
+                packets << ev.mid(14) + ':' + line[QStringLiteral("type")].toString() + ':' + line[QStringLiteral("data")].toString();
         }
         return packets;
     }
-
     // Logged lines of one kind ("engine_close", "engine_upgrade", ...) for one Engine.IO session.
     QJsonArray logLines(const QString &ev, const QString &engineSid) const
     {
         QJsonArray lines;
-        for (const QJsonValue &value : log()) {
-            const QJsonObject line = value.toObject();
-            if (line.value(QStringLiteral("ev")).toString() == ev && line.value(QStringLiteral("sid")).toString() == engineSid)
+        for (const QJsonValue &line : get("/log"))
+            if (line[QStringLiteral("ev")].toString() == ev && line[QStringLiteral("sid")].toString() == engineSid)
                 lines.append(line);
-        }
         return lines;
     }
 
     bool emitEvent(const QString &event, const QJsonArray &args) const
     {
-        return post("/emit", QJsonObject{{QStringLiteral("event"), event}, {QStringLiteral("args"), args}});
+        return post("/emit", {{QStringLiteral("event"), event}, {QStringLiteral("args"), args}});
     }
+    // {"text": ...}, {"text_hex": ...} (a text frame of exactly these bytes) or {"binary_hex": ...}.
     bool raw(const QJsonObject &frame) const { return post("/raw", frame); }
     bool disconnectAll() const { return post("/disconnect", {}); }
     bool overrideHandshake(int status, const QString &body) const
     {
-        return post("/handshake", QJsonObject{{QStringLiteral("status"), status}, {QStringLiteral("body"), body}});
+        return post("/handshake", {{QStringLiteral("status"), status}, {QStringLiteral("body"), body}});
     }
     bool restoreHandshake() const { return post("/handshake", {}); }
     // "refuse": WebSocket upgrades are closed at once; "hang": never answered; "accept".
-    bool setUpgrades(const QString &mode) const { return post("/upgrades", QJsonObject{{QStringLiteral("mode"), mode}}); }
+    bool setUpgrades(const QString &mode) const { return post("/upgrades", {{QStringLiteral("mode"), mode}}); }
 
     quint16 port = 0;
     quint16 controlPort = 0;
 
 private:
-    QUrl control(const char *path) const
-    {
-        return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(controlPort).arg(QLatin1String(path)));
-    }
+    QUrl control(const char *path) const { return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(controlPort).arg(QLatin1String(path))); }
     QJsonArray get(const char *path) const { return peerHttp("GET", control(path)).json().array(); }
     bool post(const char *path, const QJsonObject &body) const
     {
@@ -144,3 +168,12 @@ private:
 
     mutable QProcess process;
 };
+
+// Starts the server, or skips the test where Node is missing.
+#define START_SIO_SERVER(server, options)                                                          \
+    do {                                                                                           \
+        const QString why = (server).start(options);                                               \
+        if (why == QLatin1String("node is not installed"))                                         \
+            QSKIP("node is not installed, so the socket.io peer cannot run");                      \
+        QVERIFY2(why.isEmpty(), qPrintable(why));                                                  \
+    } while (false)

@@ -1,9 +1,8 @@
 #pragma once
 
-// Records the debug lines written while it exists (and still prints them), so that tests can
-// wait for a log line such as "connection timed out".
+// Records every log message written while it exists, from any thread, and still passes each on
+// to the previous handler.
 
-#include <QElapsedTimer>
 #include <QMutex>
 #include <QStringList>
 #include <QtGlobal>
@@ -27,6 +26,7 @@ public:
         QMutexLocker locker(&mutex);
         return recorded;
     }
+    // Lines that contain `text`.
     int count(const QString &text) const { return lines().filter(text).size(); }
     bool contains(const QString &text) const { return count(text) > 0; }
     void clear()
