@@ -27,6 +27,7 @@ public:
         });
     }
 
+    qint64 elapsed() const { return clock.elapsed(); }
     // Values of one event type, in order.
     QVariantList values(const QString &type) const
     {
