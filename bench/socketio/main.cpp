@@ -4,7 +4,7 @@
 
 #include "socketio/client.h"
 #include "socketio/protocol.h"
-#include "socketio/sioserver.h"
+#include "siopeer.h"
 
 #include <benchmark/benchmark.h>
 
@@ -15,6 +15,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QTimer>
 
 #include <algorithm>
 #include <cstdio>
