@@ -1,9 +1,8 @@
 // The station's session with the relay: alive, roster, ageing, partner numbers, commands,
 // hostile datagrams. Real UDP on 127.0.0.1 through the real relay.
 
-#include "stationharness.h"
+#include "intercomrig.h"
 
-#include "json.h"
 #include "kesthi.h"
 
 #include <QSignalSpy>
@@ -12,16 +11,14 @@ using namespace Intercom;
 
 namespace {
 
-QVariantList eventValues(const QSignalSpy &spy, const QString &type)
+QVariantList tallies(const QSignalSpy &spy)
 {
     QVariantList values;
     for (const QList<QVariant> &event : spy)
-        if (event.at(0).toString() == type)
+        if (event.at(0).toString() == QLatin1String("TALLY"))
             values << event.at(1);
     return values;
 }
-
-const QString kTally = QStringLiteral("TALLY");
 
 } // namespace
 
@@ -50,8 +47,7 @@ void TestIntercom::aliveAndRosterNames_data()
     QTest::addColumn<QByteArray>("body");
     QTest::newRow("no name: 3 bytes") << QString() << QByteArray();
     QTest::newRow("UTF-8") << QStringLiteral("Kamera Süd") << QStringLiteral("Kamera Süd").toUtf8();
-    QTest::newRow("300 ASCII cut to 253") << QString(300, QLatin1Char('x')) << QByteArray(253, 'x');
-    // 2-byte characters: 126 of them fit, half of the 127th would not.
+    // 2-byte characters: 126 of them fit in 253 bytes, half of the 127th would not.
     QTest::newRow("cut at a character") << QString(300, QChar(0xe9)) << QString(126, QChar(0xe9)).toUtf8();
 }
 
@@ -64,11 +60,8 @@ void TestIntercom::aliveAndRosterNames()
     QVERIFY(rig.announce(peer, 7));
     KestIntercom *st = rig.station({{"did", 5}, {"name", name}});
     QCOMPARE(st->getState(), QVariant(QVariantMap{{"list", QVariantList()}}));
-
     st->onTimerKeepAlive();
-    const auto alive = peer.receive(2000);
-    QVERIFY(alive);
-    QCOMPARE(alive->bytes, datagram(5, 255, Alive, body));
+    QCOMPARE(peer.bytes(), datagram(5, 255, Alive, body));
 
     peer.sendTo(rig.port, datagram(7, 255, Alive, QStringLiteral("Régie").toUtf8()));
     const QVariantMap entry{{"id", 7}, {"talking", false}, {"name", QStringLiteral("Régie")}};
@@ -91,10 +84,11 @@ void TestIntercom::rosterAgeing()
     KestHi::setClockOffset(10500 * 1000);
     st->onTimerKeepAlive();
     QCOMPARE(rosterIds(st), QList<int>{8}); // 8 has no alive time: never aged
-
     KestHi::setClockOffset(60 * 1000 * 1000);
     st->onTimerKeepAlive();
     QCOMPARE(rosterIds(st), QList<int>{8});
+
+    // Once an alive arrives, it ages like any other.
     b.sendTo(rig.port, datagram(8, 1, Alive, "eight"));
     QTRY_COMPARE(st->getState().toMap().value("list").toList().value(0).toMap().value("name").toString(), QStringLiteral("eight"));
     KestHi::setClockOffset(70500 * 1000);
@@ -110,7 +104,7 @@ void TestIntercom::ownEchoesIgnored()
     QSignalSpy events(st, &KestObject::eventSent);
     // The relay sends both straight back: the destination is the sender itself.
     st->onNewPacketA(rig.local("echo"));
-    QVERIFY(st->sendCmd(QVariantMap{{"tid", 3}, {"func", kTally}, {"data", 1}}).toBool());
+    QVERIFY(st->sendCmd(QVariantMap{{"tid", 3}, {"func", "TALLY"}, {"data", 1}}).toBool());
     UdpStation peer;
     peer.sendTo(rig.port, datagram(9, 3, Alive, "after the echoes"));
     QTRY_COMPARE(rosterIds(st), QList<int>{9});
@@ -124,7 +118,6 @@ void TestIntercom::partnerNumber_data()
     QTest::newRow("partner 2") << 2 << QList<int>{2};
     QTest::newRow("255: everybody else") << 255 << QList<int>{0, 2, 7};
     QTest::newRow("256 is 0") << 256 << QList<int>{0};
-    QTest::newRow("258 is 2") << 258 << QList<int>{2};
 }
 
 void TestIntercom::partnerNumber()
@@ -138,13 +131,10 @@ void TestIntercom::partnerNumber()
     st->onNewPacketA(rig.local("abc"));
     const std::pair<int, UdpStation *> peers[] = {{0, &s0}, {2, &s2}, {7, &s7}};
     for (const auto &[number, peer] : peers) {
-        if (!reached.contains(number)) {
+        if (reached.contains(number))
+            QCOMPARE(peer->bytes(), datagram(1, quint8(tid), Audio, "abc"));
+        else
             QVERIFY2(peer->silent(), qPrintable(QString::number(number)));
-            continue;
-        }
-        const auto got = peer->receive(2000);
-        QVERIFY(got);
-        QCOMPARE(got->bytes, datagram(1, quint8(tid), Audio, "abc"));
     }
 }
 
@@ -155,10 +145,9 @@ void TestIntercom::commandsOnTheWire_data()
     QTest::addColumn<QByteArray>("body");
     QTest::newRow("to station 4") << QVariantMap{{"tid", 4}, {"func", "TALLY"}, {"data", 1}} << 4
                                   << QByteArray(R"({"data":1,"func":"TALLY"})");
-    QTest::newRow("no tid: station 0") << QVariantMap{{"func", "TALLY"}, {"data", 2}} << 0
-                                       << QByteArray(R"({"data":2,"func":"TALLY"})");
-    QTest::newRow("beyond Latin-1 escaped") << QVariantMap{{"tid", 4}, {"func", "note"}, {"data", QStringLiteral("Süd 日本")}}
-                                            << 4 << QByteArray("{\"data\":\"S\xfc" "d \\u65e5\\u672c\",\"func\":\"note\"}");
+    QTest::newRow("no tid: station 0") << QVariantMap{{"func", "TALLY"}, {"data", 2}} << 0 << QByteArray(R"({"data":2,"func":"TALLY"})");
+    QTest::newRow("beyond Latin-1 escaped") << QVariantMap{{"tid", 4}, {"func", "note"}, {"data", QStringLiteral("Süd 日本")}} << 4
+                                            << QByteArray("{\"data\":\"S\xfc" "d \\u65e5\\u672c\",\"func\":\"note\"}");
 }
 
 void TestIntercom::commandsOnTheWire()
@@ -171,14 +160,8 @@ void TestIntercom::commandsOnTheWire()
     QVERIFY(rig.announce(s0, 0) && rig.announce(s4, 4));
     KestIntercom *st = rig.station({{"did", 6}});
     QCOMPARE(st->sendCmd(command), QVariant(true));
-    const auto got = (destination == 4 ? s4 : s0).receive(2000);
-    QVERIFY(got);
-    QCOMPARE(got->bytes, datagram(6, quint8(destination), Command, body));
-    // What a receiving station decodes is the command less "tid".
-    command.remove("tid");
-    QCOMPARE(Json::decode(commandText(Intercom::body(got->bytes.constData(), got->bytes.size()))), QVariant(command));
-
-    QCOMPARE(st->sendCmd(QStringLiteral("TALLY")), QVariant(false));
+    QCOMPARE((destination == 4 ? s4 : s0).bytes(), datagram(6, quint8(destination), Command, body));
+    QCOMPARE(st->sendCmd(QStringLiteral("TALLY")), QVariant(false)); // not a map
 }
 
 void TestIntercom::tallyBetweenStationsAndHost()
@@ -188,15 +171,14 @@ void TestIntercom::tallyBetweenStationsAndHost()
     KestIntercom *b = rig.station({{"did", 2}});
     QVERIFY(rig.announce(a, 1) && rig.announce(b, 2));
     QSignalSpy aEvents(a, &KestObject::eventSent), bEvents(b, &KestObject::eventSent);
-
     a->onNewEvent(QStringLiteral("tally"), 4); // names are case-sensitive
     a->stop();
-    a->onNewEvent(kTally, 5); // a stopped station ignores events
+    a->onNewEvent(QStringLiteral("TALLY"), 5); // a stopped station ignores events
     a->start();
     const QVariantList tally{1, 0};
-    a->onNewEvent(kTally, tally);
-    QTRY_COMPARE(eventValues(bEvents, kTally), QVariantList{QVariant(tally)});
-    QCOMPARE(eventValues(aEvents, kTally), QVariantList{QVariant(tally)});
+    a->onNewEvent(QStringLiteral("TALLY"), tally);
+    QTRY_COMPARE(tallies(bEvents), QVariantList{QVariant(tally)});
+    QCOMPARE(tallies(aEvents), QVariantList{QVariant(tally)});
 }
 
 void TestIntercom::incomingCommands_data()
@@ -205,15 +187,14 @@ void TestIntercom::incomingCommands_data()
     QTest::addColumn<QVariantList>("values");
     QTest::newRow("TALLY") << QByteArray(R"({"func":"TALLY","data":3})") << QVariantList{3, 99};
     QTest::newRow("up to the zero byte") << QByteArray("{\"func\":\"TALLY\",\"data\":4}\0{junk", 31) << QVariantList{4, 99};
+    QTest::newRow("Latin-1 text") << QByteArray("{\"func\":\"TALLY\",\"data\":\"S\xfc" "d\"}") << QVariantList{QStringLiteral("Süd"), 99};
     QTest::newRow("not JSON") << QByteArray("TALLY 5") << QVariantList{99};
     QTest::newRow("other function") << QByteArray(R"({"func":"tally","data":6})") << QVariantList{99};
-    QTest::newRow("empty body") << QByteArray() << QVariantList{99};
 }
 
 void TestIntercom::incomingCommands()
 {
     QFETCH(QByteArray, body);
-    QFETCH(QVariantList, values);
     IntercomRig rig;
     UdpStation peer;
     KestIntercom *st = rig.station({{"did", 1}});
@@ -221,7 +202,8 @@ void TestIntercom::incomingCommands()
     QSignalSpy events(st, &KestObject::eventSent);
     peer.sendTo(rig.port, datagram(6, 1, Command, body));
     peer.sendTo(rig.port, datagram(6, 1, Command, R"({"func":"TALLY","data":99})"));
-    QTRY_COMPARE(eventValues(events, kTally), values);
+    QFETCH(QVariantList, values);
+    QTRY_COMPARE(tallies(events), values);
 }
 
 void TestIntercom::hostileDatagrams()
@@ -245,7 +227,7 @@ void TestIntercom::hostileDatagrams()
     // A stopped station drops what arrives. Broadcasts reach 9 before 200.
     st->stop();
     peer.sendTo(rig.port, datagram(11, 255, Alive, "while stopped"));
-    QVERIFY(listener.receive(2000));
+    QVERIFY(listener.receive());
     st->onRead();
     st->start();
     QVERIFY(!rosterIds(st).contains(11));
