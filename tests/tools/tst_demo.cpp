@@ -26,17 +26,12 @@ private:
 QString TestDemo::exampleOnPort(const QString &name, quint16 port, int expectedPorts)
 {
     QFile file(QStringLiteral(KEST_SOURCE_DIR "/examples/") + name);
-    if (!file.open(QIODevice::ReadOnly))
+    QByteArray graph = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    QFile out(dir.filePath(name));
+    if (graph.count("\"port\": 7000") != expectedPorts || !out.open(QIODevice::WriteOnly))
         return {};
-    QByteArray graph = file.readAll();
-    if (graph.count("\"port\": 7000") != expectedPorts)
-        return {};
-    graph.replace("\"port\": 7000", "\"port\": " + QByteArray::number(port));
-    const QString path = dir.filePath(name);
-    QFile out(path);
-    if (!out.open(QIODevice::WriteOnly) || out.write(graph) != graph.size())
-        return {};
-    return path;
+    out.write(graph.replace("\"port\": 7000", "\"port\": " + QByteArray::number(port)));
+    return out.fileName();
 }
 
 void TestDemo::demoPlaysToneIntoStationTwo()
