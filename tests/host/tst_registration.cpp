@@ -5,6 +5,8 @@
 #include <QLibrary>
 #include <QTest>
 
+#include <memory>
+
 namespace {
 // A node whose class name is taken by an unrelated type before it registers.
 class ClashNode : public KestObject
@@ -60,17 +62,11 @@ void TestRegistration::everyClassIsCreatedByNameBothWays()
         const QMetaObject *mo = QMetaType::metaObjectForType(QMetaType::type(nodeClass.name.constData()));
         QObject parent;
         QObject *withParent = mo->newInstance(Q_ARG(QObject *, &parent));
-        QVERIFY2(withParent, nodeClass.name.constData());
-        QCOMPARE(withParent->parent(), &parent);
-        QCOMPARE(QByteArray(withParent->metaObject()->className()), nodeClass.name);
-        QObject *withoutParent = mo->newInstance();
-        QVERIFY2(withoutParent, nodeClass.name.constData());
-        QCOMPARE(withoutParent->parent(), nullptr);
-        QVERIFY(qobject_cast<KestObject *>(withoutParent));
-        delete withoutParent;
-        KestObject *created = createNode(nodeClass.name);
-        QVERIFY(created);
-        delete created;
+        QVERIFY2(withParent && withParent->parent() == &parent, nodeClass.name.constData());
+        std::unique_ptr<QObject> withoutParent(mo->newInstance());
+        QVERIFY2(qobject_cast<KestObject *>(withoutParent.get()) && !withoutParent->parent(), nodeClass.name.constData());
+        QCOMPARE(QByteArray(withoutParent->metaObject()->className()), nodeClass.name);
+        QVERIFY(std::unique_ptr<KestObject>(createNode(nodeClass.name)));
     }
 }
 
