@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <netinet/in.h>
+#include <sched.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,7 +34,10 @@ bool BaselineForwarder::start(quint16 port)
         return false;
     }
     running = true;
-    thread = std::thread([this] { run(); });
+    thread = std::thread([this] {
+        pinToLastCpu();
+        run();
+    });
     return true;
 }
 
@@ -103,4 +107,15 @@ void BaselineForwarder::run()
             done += sent > 0 ? size_t(sent) : 1;
         }
     }
+}
+
+void pinToLastCpu()
+{
+    const long cpus = sysconf(_SC_NPROCESSORS_ONLN);
+    if (cpus < 2)
+        return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(int(cpus - 1), &set);
+    sched_setaffinity(0, sizeof(set), &set); // 0: the calling thread
 }

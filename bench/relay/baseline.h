@@ -8,6 +8,9 @@
 // The physical baseline for the relay: the least a forwarder with the same rules can do on
 // Linux. recvmmsg a batch, file each sender under its source byte, sendmmsg every copy.
 // No event loop, no clock, no ageing.
+// Both forwarders run on the last CPU, away from the load process (which takes the first).
+void pinToLastCpu();
+
 class BaselineForwarder
 {
 public:

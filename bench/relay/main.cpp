@@ -125,7 +125,10 @@ int main(int argc, char *argv[])
     relay->setData({{QStringLiteral("port"), relayPort}});
     relay->moveToThread(&relayThread);
     relayThread.start();
-    QMetaObject::invokeMethod(relay, [relay] { relay->start(); }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(relay, [relay] {
+        pinToLastCpu();
+        relay->start();
+    }, Qt::BlockingQueuedConnection);
 
     const quint16 baselinePort = freePort();
     BaselineForwarder baseline;

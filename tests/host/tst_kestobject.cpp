@@ -9,9 +9,7 @@
 #include <QSignalSpy>
 #include <QTest>
 
-#include <atomic>
 #include <cstring>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -44,7 +42,6 @@ private Q_SLOTS:
     void bufferPacketSignalsDrainOnlyWhenEmpty();
     void bufferPacketDropsOldestPastBound_data();
     void bufferPacketDropsOldestPastBound();
-    void concurrentProducersLoseNothing();
     void bufferDataBounds_data();
     void bufferDataBounds();
     void bufferDataHeadroomAndAlignment();
@@ -93,47 +90,6 @@ void TestKestObject::bufferPacketDropsOldestPastBound()
     QCOMPARE(queue.size(), bound);
     QCOMPARE(queue.first().pts, 10);
     QCOMPARE(queue.last().pts, bound + 9);
-}
-
-void TestKestObject::concurrentProducersLoseNothing()
-{
-    // Several host threads deliver while the node drains; with a bound larger than the total,
-    // every packet arrives exactly once and each producer's packets stay in order.
-    constexpr int kProducers = 4;
-    constexpr int kPerProducer = 50000;
-    KestObject node;
-    node.setData({{QStringLiteral("bufLenV"), kProducers * kPerProducer}});
-    std::atomic<int> running{kProducers};
-    std::vector<std::thread> producers;
-    for (int t = 0; t < kProducers; ++t) {
-        producers.emplace_back([&, t] {
-            for (int i = 0; i < kPerProducer; ++i) {
-                Packet p;
-                p.frameType = t;
-                p.pts = i;
-                node.bufferPacketV(p);
-            }
-            --running;
-        });
-    }
-    std::vector<qint64> next(kProducers, 0);
-    int received = 0;
-    bool ordered = true;
-    const auto drain = [&] {
-        Packet p;
-        while (takePacket(node.lockV, node.packetsV, p)) {
-            ordered = ordered && p.pts == next[size_t(p.frameType)];
-            next[size_t(p.frameType)] = p.pts + 1;
-            ++received;
-        }
-    };
-    while (running > 0)
-        drain();
-    for (auto &t : producers)
-        t.join();
-    drain();
-    QVERIFY(ordered);
-    QCOMPARE(received, kProducers * kPerProducer);
 }
 
 void TestKestObject::bufferDataBounds_data()
