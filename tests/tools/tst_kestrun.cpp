@@ -1,11 +1,14 @@
 #include "catalogue.h"
 #include "kestrunprocess.h"
 
+#include <QJsonArray>
 #include <QLibrary>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <csignal>
+
+#include <unistd.h>
 
 namespace {
 
@@ -113,14 +116,14 @@ void TestKestRun::badGraphExitsTwo()
 
 void TestKestRun::controlProtocol()
 {
-    const QString graph = writeFile(dir, QStringLiteral("echo.json"), R"({
+    const QString graph = writeFile(dir, QStringLiteral("echo.json"), R"json({
         "nodes": [
-            {"name": "a", "class": "EchoNode", "data": {"k": 1}},
+            {"name": "a", "class": "EchoNode", "data": {"k": 1, "source": "%MACHINE% (cam)", "nested": {"l": [2, "%MACHINE%"]}}},
             {"name": "b", "class": "EchoNode"},
             {"name": "idle", "class": "EchoNode", "start": false}
         ],
         "links": [{"from": "a", "to": "b", "media": "audio"}]
-    })");
+    })json");
     KestRun run;
     QVERIFY(run.start({QStringLiteral("--lib"), testNodes, graph}));
 
@@ -141,6 +144,16 @@ void TestKestRun::controlProtocol()
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"a","call":"emitEvent","result":null})"));
     run.send(R"({"node":"idle","call":"running"})");
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"idle","call":"running","result":false})"));
+
+    // "%MACHINE%" in a setting is the host name in upper case, NDI's machine part of source names.
+    char host[256] = {};
+    QCOMPARE(::gethostname(host, sizeof(host) - 1), 0);
+    const QString machine = QString::fromLatin1(host).toUpper();
+    run.send(R"({"node":"a","call":"setting","args":["source"]})");
+    QCOMPARE(run.nextObject().value(QLatin1String("result")).toString(), machine + QStringLiteral(" (cam)"));
+    run.send(R"({"node":"a","call":"setting","args":["nested"]})");
+    QCOMPARE(run.nextObject().value(QLatin1String("result")).toObject(),
+             (QJsonObject{{"l", QJsonArray{2, machine}}}));
 
     // Errors name the problem and the run goes on.
     run.send("this is not json");
