@@ -85,7 +85,7 @@ void TestKestRun::badGraphExitsTwo_data()
     QTest::newRow("node without name") << QByteArray("{\"nodes\":[{\"class\":\"EchoNode\"}]}") << QStringLiteral("node 1 has no \"name\"");
     QTest::newRow("unknown class lists the others")
         << QByteArray("{\"nodes\":[{\"name\":\"a\",\"class\":\"Nope\"}]}")
-        << QStringLiteral("unknown class \"Nope\" for node \"a\"; available classes: EchoNode, EsSource, PcmSink, PcmSource");
+        << QStringLiteral("unknown class \"Nope\" for node \"a\"; available classes: EchoNode, EsSink, EsSource, PcmSink, PcmSource");
     QTest::newRow("duplicate name")
         << QByteArray("{\"nodes\":[{\"name\":\"a\",\"class\":\"EchoNode\"},{\"name\":\"a\",\"class\":\"EchoNode\"}]}")
         << QStringLiteral("duplicate node name \"a\"");
