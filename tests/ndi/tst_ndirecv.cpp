@@ -590,6 +590,17 @@ void TestNdiRecv::uncompressedVideo()
     }
     QCOMPARE(events.count(), 1);
     QCOMPARE(readyOf(events, 0).value("infoV"), QVariant(params)); // code 2 has no name
+
+    // Nothing to copy: dropped with a line each.
+    injectVideo(handle, bytes, fourcc, 0);
+    injectVideo(handle, bytes, fourcc, -1);
+    injectVideo(handle, bytes, fourcc, INT_MIN, true);
+    logLines.clear();
+    capturePass(*node);
+    QCOMPARE(recorder.payloads.size(), 2);
+    QCOMPARE(logLines.size(), 3);
+    QCOMPARE(logLines.filter("[rx] video frame dropped: ").size(), 3);
+    QCOMPARE(receiverInfo(handle).outstanding_frames, 0);
 }
 
 void TestNdiRecv::aacAudio_data()
