@@ -38,7 +38,8 @@ void TestRegistration::initTestCase()
 void TestRegistration::expectedClassesAreRegistered_data()
 {
     QTest::addColumn<QString>("className");
-    for (const char *name : {"KestIntercom", "KestIntercomServer", "KestNDISend", "KestTally", "KestTallyArbiter", "KestVMix"})
+    for (const char *name : {"KestIntercom", "KestIntercomServer", "KestNDIRecv", "KestNDISend", "KestTally",
+                             "KestTallyArbiter", "KestVMix"})
         QTest::newRow(name) << QString::fromLatin1(name);
 }
 

@@ -43,6 +43,8 @@ private Q_SLOTS:
     void annexB();
     void adts_data();
     void adts();
+    void adtsHeader_data();
+    void adtsHeader();
 };
 
 void TestElementaryStreams::annexB_data()
@@ -126,6 +128,37 @@ void TestElementaryStreams::adts()
     QCOMPARE(result.sampleRate, sampleRate);
     QCOMPARE(result.channels, channels);
     QCOMPARE(result.audioSpecificConfig.toHex(), config);
+}
+
+void TestElementaryStreams::adtsHeader_data()
+{
+    QTest::addColumn<QByteArray>("config"); // AudioSpecificConfig, hex
+    QTest::addColumn<int>("payloadSize");
+    QTest::addColumn<QByteArray>("header"); // hex; "": no header
+    QTest::newRow("AAC-LC 48 kHz stereo") << QByteArray("1190") << 3 << QByteArray("fff14c80015ffc");
+    QTest::newRow("AAC-LC 44.1 kHz mono") << QByteArray("1208") << 1 << QByteArray("fff15040011ffc");
+    QTest::newRow("HE-AAC object type 5 has no header") << QByteArray("2b10") << 3 << QByteArray();
+    QTest::newRow("largest frame") << QByteArray("1190") << 8184 << QByteArray("fff14c83fffffc");
+    QTest::newRow("frame too long for 13 bits") << QByteArray("1190") << 8185 << QByteArray();
+    QTest::newRow("explicit rate (index 15)") << QByteArray("1790") << 3 << QByteArray();
+    QTest::newRow("channels from a program config (0)") << QByteArray("1180") << 3 << QByteArray();
+    QTest::newRow("one byte") << QByteArray("11") << 3 << QByteArray();
+}
+
+void TestElementaryStreams::adtsHeader()
+{
+    QFETCH(QByteArray, config);
+    QFETCH(int, payloadSize);
+    QFETCH(QByteArray, header);
+    const QByteArray made = Adts::header(Adts::readAudioSpecificConfig(QByteArray::fromHex(config)), payloadSize);
+    QCOMPARE(made.toHex(), header);
+    if (header.isEmpty())
+        return;
+    // The stream parser reads back the frame and the configuration it came from.
+    const Adts::Stream back = Adts::parse(made + QByteArray(payloadSize, 'p'));
+    QCOMPARE(back.frames.size(), 1);
+    QCOMPARE(back.frames[0].size, payloadSize);
+    QCOMPARE(back.audioSpecificConfig.toHex(), config);
 }
 
 QTEST_GUILESS_MAIN(TestElementaryStreams)

@@ -3,11 +3,14 @@
 #include "catalogue.h"
 #include "kestrunprocess.h"
 
+#include <QJsonArray>
 #include <QLibrary>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <csignal>
+
+#include <unistd.h>
 
 namespace {
 
@@ -71,7 +74,7 @@ void TestKestRun::badGraphExitsTwo_data()
     QTest::newRow("unreadable file") << QByteArray() << "cannot read graph";
     QTest::newRow("invalid JSON") << QByteArray("{\"nodes\": [") << "invalid JSON";
     QTest::newRow("unknown class lists the others") << QByteArray(R"({"nodes":[{"name":"a","class":"Nope"}]})")
-                                                    << "unknown class \"Nope\" for node \"a\"; available classes: EchoNode, EsSource, PcmSink, PcmSource";
+                                                    << "unknown class \"Nope\" for node \"a\"; available classes: EchoNode, EsSink, EsSource, PcmSink, PcmSource";
     QTest::newRow("duplicate name") << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"},{"name":"a","class":"EchoNode"}]})")
                                     << "duplicate node name \"a\"";
     QTest::newRow("link to a missing node") << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"}],"links":[{"from":"a","to":"ghost"}]})")
@@ -98,14 +101,14 @@ void TestKestRun::badGraphExitsTwo()
 
 void TestKestRun::controlProtocol()
 {
-    const QString graph = writeFile(dir, QStringLiteral("echo.json"), R"({
+    const QString graph = writeFile(dir, QStringLiteral("echo.json"), R"json({
         "nodes": [
-            {"name": "a", "class": "EchoNode", "data": {"k": 1}},
+            {"name": "a", "class": "EchoNode", "data": {"k": 1, "source": "%MACHINE% (cam)", "nested": {"l": [2, "%MACHINE%"]}}},
             {"name": "b", "class": "EchoNode"},
             {"name": "idle", "class": "EchoNode", "start": false}
         ],
         "links": [{"from": "a", "to": "b", "media": "audio"}]
-    })");
+    })json");
     KestRun run;
     QVERIFY(run.start({QStringLiteral("--lib"), testNodes, graph}));
 
@@ -127,6 +130,16 @@ void TestKestRun::controlProtocol()
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"a","event":"x","value":1})"));
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"b","event":"heard","value":{"type":"x","value":1}})"));
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"a","call":"emitEvent","result":null})"));
+
+    // "%MACHINE%" in a setting is the host name in upper case, NDI's machine part of source names.
+    char host[256] = {};
+    QCOMPARE(::gethostname(host, sizeof(host) - 1), 0);
+    const QString machine = QString::fromLatin1(host).toUpper();
+    run.send(R"({"node":"a","call":"setting","args":["source"]})");
+    QCOMPARE(run.nextObject().value(QLatin1String("result")).toString(), machine + QStringLiteral(" (cam)"));
+    run.send(R"({"node":"a","call":"setting","args":["nested"]})");
+    QCOMPARE(run.nextObject().value(QLatin1String("result")).toObject(),
+             (QJsonObject{{"l", QJsonArray{2, machine}}}));
 
     // Errors name the problem and the run goes on.
     run.send("this is not json");

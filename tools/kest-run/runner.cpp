@@ -8,6 +8,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QMetaMethod>
+#include <QSysInfo>
 
 #include <algorithm>
 #include <cstdio>
@@ -32,6 +33,34 @@ KestObject::Media parseMedia(const QJsonValue &value, bool *ok)
         return KestObject::Both;
     *ok = false;
     return KestObject::Both;
+}
+
+// "%MACHINE%" in a graph's settings stands for this machine's part of NDI source names
+// ("MACHINE (source)"): the host name in upper case. A graph can then name a source published
+// on the same machine wherever it runs.
+QVariant expandPlaceholders(const QVariant &value)
+{
+    static const QString machine = QSysInfo::machineHostName().toUpper();
+    switch (value.userType()) {
+    case QMetaType::QString: {
+        QString text = value.toString();
+        return text.replace(QLatin1String("%MACHINE%"), machine);
+    }
+    case QMetaType::QVariantMap: {
+        QVariantMap map = value.toMap();
+        for (auto it = map.begin(); it != map.end(); ++it)
+            *it = expandPlaceholders(*it);
+        return map;
+    }
+    case QMetaType::QVariantList: {
+        QVariantList list = value.toList();
+        for (QVariant &item : list)
+            item = expandPlaceholders(item);
+        return list;
+    }
+    default:
+        return value;
+    }
 }
 
 QString describeJsonError(const QByteArray &text, const QJsonParseError &error)
@@ -106,7 +135,7 @@ bool Runner::load(const QByteArray &graphJson, QString *error)
                 return false;
             }
         }
-        specs.push_back({name, className, dataValue.toObject().toVariantMap(),
+        specs.push_back({name, className, expandPlaceholders(dataValue.toObject().toVariantMap()).toMap(),
                          node.value(QLatin1String("start")).toBool(true)});
     }
 
