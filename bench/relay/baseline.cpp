@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sched.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -34,10 +35,15 @@ bool BaselineForwarder::start(quint16 port)
         return false;
     }
     running = true;
-    thread = std::thread([this] {
+    std::atomic<bool> ready{false};
+    thread = std::thread([this, &ready] {
         pinToLastCpu();
+        pthread_getcpuclockid(pthread_self(), &clock);
+        ready = true;
         run();
     });
+    while (!ready)
+        std::this_thread::yield();
     return true;
 }
 

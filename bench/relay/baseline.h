@@ -3,6 +3,7 @@
 #include <QtGlobal>
 
 #include <atomic>
+#include <ctime>
 #include <thread>
 
 // The physical baseline for the relay: the least a forwarder with the same rules can do on
@@ -17,11 +18,13 @@ public:
     ~BaselineForwarder() { stop(); }
     bool start(quint16 port);
     void stop();
+    clockid_t cpuClock() const { return clock; } // the forwarding thread's CPU time
 
 private:
     void run();
 
     int fd = -1;
+    clockid_t clock = CLOCK_THREAD_CPUTIME_ID;
     std::atomic<bool> running{false};
     std::thread thread;
 };
