@@ -1,12 +1,13 @@
 #pragma once
 
-// C++ helpers for tests that run NDI nodes against the NDI test runtime they link
-// (kest_use_ndi_test_runtime in CMake).
+// C++ helpers for tests and benchmarks that run NDI nodes against the NDI test runtime they
+// link (kest_use_ndi_test_runtime in CMake).
 
 #include "kesttest.h"
 #include "ndiexports.h"
 
 #include <QByteArray>
+#include <QString>
 #include <QVector>
 #include <QtGlobal>
 
@@ -26,10 +27,15 @@ inline QByteArray ndiSourceName(const QByteArray &name)
     return QByteArray(kesttest_machine_name()) + " (" + name + ")";
 }
 
-// The newest live sender of the runtime (null when there is none).
+// The newest live sender and receiver of the runtime (null when there is none).
 inline NDIlib_send_instance_t newestSender()
 {
     return kesttest_sender_at(kesttest_sender_count() - 1);
+}
+
+inline NDIlib_recv_instance_t newestReceiver()
+{
+    return kesttest_receiver_at(kesttest_receiver_count() - 1);
 }
 
 inline kesttest_sender_info_t senderInfo(NDIlib_send_instance_t sender)
@@ -38,6 +44,51 @@ inline kesttest_sender_info_t senderInfo(NDIlib_send_instance_t sender)
     kesttest_sender_info(sender, &info);
     return info;
 }
+
+inline kesttest_receiver_info_t receiverInfo(NDIlib_recv_instance_t receiver)
+{
+    kesttest_receiver_info_t info{};
+    kesttest_receiver_info(receiver, &info);
+    return info;
+}
+
+// A compressed key frame as receivers get it: the packet header (`version` bytes: a header
+// longer than the 44 bytes known here is padded), the payload, the extra data.
+inline QByteArray compressedFrame(uint32_t codec, int64_t pts, const QByteArray &payload, const QByteArray &extra = {},
+                                  int version = NDIlib_compressed_packet_version_0)
+{
+    NDIlib_compressed_packet_t header{};
+    header.version = version;
+    header.fourCC = NDIlib_compressed_FourCC_type_e(codec);
+    header.pts = pts;
+    header.dts = pts;
+    header.flags = NDIlib_compressed_packet_flags_keyframe;
+    header.data_size = uint32_t(payload.size());
+    header.extra_data_size = uint32_t(extra.size());
+    QByteArray bytes(reinterpret_cast<const char *>(&header), sizeof(header));
+    if (version > int(sizeof(header)) && version <= 64)
+        bytes += QByteArray(version - int(sizeof(header)), '\xee');
+    return bytes + payload + extra;
+}
+
+// A source published with the runtime's own functions, gone with the object.
+class TestSource
+{
+public:
+    explicit TestSource(const QByteArray &name) : listed(ndiSourceName(name))
+    {
+        NDIlib_send_create_t settings{};
+        settings.p_ndi_name = name.constData();
+        handle = NDIlib_send_create_v2(&settings, "{}");
+    }
+    ~TestSource() { NDIlib_send_destroy(handle); }
+    TestSource(const TestSource &) = delete;
+    TestSource &operator=(const TestSource &) = delete;
+    QString name() const { return QString::fromUtf8(listed); }
+
+    NDIlib_send_instance_t handle = nullptr;
+    QByteArray listed; // "MACHINE (name)"
+};
 
 // A frame a sender was given, copied out of the runtime.
 struct SentFrame
@@ -52,18 +103,15 @@ struct SentFrame
 inline QVector<SentFrame> sentFrames(NDIlib_send_instance_t sender)
 {
     QVector<SentFrame> frames;
-    const int count = kesttest_sent_frame_count(sender);
-    for (int i = 0; i < count; ++i) {
-        SentFrame f;
-        if (!kesttest_sent_frame(sender, i, &f.raw))
-            break;
+    SentFrame f;
+    for (int i = 0; kesttest_sent_frame(sender, i, &f.raw); ++i) {
         f.bytes = QByteArray(reinterpret_cast<const char *>(f.raw.p_bytes), f.raw.no_bytes);
-        if (f.bytes.size() >= int(sizeof(f.header))) {
+        f.header = {};
+        if (f.bytes.size() >= int(sizeof(f.header)))
             std::memcpy(&f.header, f.bytes.constData(), sizeof(f.header));
-            const int version = qBound(0, f.header.version, f.bytes.size());
-            f.payload = f.bytes.mid(version, int(f.header.data_size));
-            f.extra = f.bytes.mid(version + int(f.header.data_size), int(f.header.extra_data_size));
-        }
+        const int version = qBound(0, f.header.version, f.bytes.size());
+        f.payload = f.bytes.mid(version, int(f.header.data_size));
+        f.extra = f.bytes.mid(version + int(f.header.data_size), int(f.header.extra_data_size));
         frames.append(f);
     }
     return frames;
@@ -78,34 +126,24 @@ public:
         NDIlib_frame_type_e type = NDIlib_frame_type_none;
         NDIlib_video_frame_v2_t video{};
         NDIlib_audio_frame_v3_t audio{};
-        QByteArray bytes; // payload, or metadata text
+        QByteArray bytes; // the frame's data, or the metadata text
     };
 
-    explicit TestReceiver(const QByteArray &sourceName,
-                          NDIlib_recv_bandwidth_e bandwidth = NDIlib_recv_bandwidth_highest,
-                          NDIlib_recv_color_format_e format = NDIlib_recv_color_format_compressed_v4_with_audio)
+    explicit TestReceiver(const QByteArray &sourceName, NDIlib_recv_bandwidth_e bandwidth = NDIlib_recv_bandwidth_highest)
     {
         NDIlib_recv_create_v3_t settings{};
-        settings.color_format = format;
+        settings.color_format = NDIlib_recv_color_format_compressed_v4_with_audio;
         settings.bandwidth = bandwidth;
-        settings.allow_video_fields = true;
-        settings.p_ndi_recv_name = "test receiver";
+        settings.source_to_connect_to.p_ndi_name = sourceName.constData();
         handle = NDIlib_recv_create_v3(&settings);
-        NDIlib_source_t source{};
-        source.p_ndi_name = sourceName.constData();
-        NDIlib_recv_connect(handle, &source);
     }
     ~TestReceiver() { NDIlib_recv_destroy(handle); }
     TestReceiver(const TestReceiver &) = delete;
     TestReceiver &operator=(const TestReceiver &) = delete;
 
-    bool connected() const { return NDIlib_recv_get_no_connections(handle) > 0; }
-
     bool setTally(bool program, bool preview)
     {
-        NDIlib_tally_t tally{};
-        tally.on_program = program;
-        tally.on_preview = preview;
+        const NDIlib_tally_t tally{program, preview};
         return NDIlib_recv_set_tally(handle, &tally);
     }
 

@@ -1,9 +1,27 @@
-// Cutting elementary streams for EsSource: Annex-B access units and ADTS frames.
+// kest-run's elementary-stream nodes: their pure parsers (Annex-B access units, ADTS frames)
+// as tables; EsSource and EsSink with real clips made by ffmpeg, whose own cut of each clip
+// (ffprobe) is the reference; and the NDI round trip between them: EsSource -> KestNDISend ->
+// NDI test runtime -> KestNDIRecv -> EsSink, checked by ffprobe decoding what was written.
 
 #include "adts.h"
 #include "annexb.h"
+#include "essink.h"
+#include "essource.h"
+#include "logcapture.h"
+#include "testmedia.h"
+#include "testruntime.h"
 
+#include "kesthi.h"
+#include "ndi/kestndirecv.h"
+#include "ndi/kestndisend.h"
+#include "ndi/ndiruntime.h"
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
+
+#include <cmath>
+#include <memory>
 
 Q_DECLARE_METATYPE(AnnexB::Codec)
 
@@ -33,19 +51,117 @@ QByteArray adtsFrame(const QByteArray &payload, int rateIndex = 3, int channels 
     return h + payload;
 }
 
+// Keeps copies of the packets that reach it.
+class Recorder : public KestObject
+{
+public:
+    void onNewPacketV(Packet pkt) override { record(pkt); }
+    void onNewPacketA(Packet pkt) override { record(pkt); }
+    void onNewInfoV(StreamInfo info) override { infos.append(info); }
+    void onNewInfoA(StreamInfo info) override { infos.append(info); }
+    void record(const Packet &pkt)
+    {
+        packets.append(pkt);
+        bytes.append(QByteArray(pkt.data, pkt.len));
+    }
+    QVector<Packet> packets;
+    QByteArrayList bytes;
+    QVector<StreamInfo> infos;
+};
+
+void advanceClock(double seconds)
+{
+    KestHi::setClockOffset(KestHi::clockOffset() + qint64(seconds * 1e6));
+}
+
+// What a packet of the clip must hold: the ffprobe packet, less the ADTS header for audio.
+QByteArray expectedPayload(const QByteArray &file, const TestMedia::ProbePacket &p, bool audio)
+{
+    const QByteArray bytes = file.mid(int(p.pos), p.size);
+    return audio ? bytes.mid((bytes[1] & 0x01) ? 7 : 9) : bytes; // without or with CRC
+}
+
+// Which access unit owns the zero byte between two of them is a matter of taste: the byte
+// stream syntax (and EsSource) give it to the later one, ffmpeg's HEVC parser to the earlier.
+QByteArray withoutOuterZeros(QByteArray bytes)
+{
+    while (bytes.startsWith('\0'))
+        bytes.remove(0, 1);
+    while (bytes.endsWith('\0'))
+        bytes.chop(1);
+    return bytes;
+}
+
+void deliver(KestObject &to, const QByteArray &bytes, bool video)
+{
+    Packet pkt;
+    pkt.data = const_cast<char *>(bytes.constData());
+    pkt.len = bytes.size();
+    pkt.frameType = video ? 0 : 3; // the receiver marks every video packet 0: the sink looks inside
+    if (video)
+        to.onNewPacketV(pkt);
+    else
+        to.onNewPacketA(pkt);
+}
+
 } // namespace
 
 class TestElementaryStreams : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    void initTestCase();
+    void init();
     void annexB_data();
     void annexB();
     void adts_data();
     void adts();
     void adtsHeader_data();
     void adtsHeader();
+    void sourceLoops();
+    void sourceIdrSkipsAheadToNextKeyFrame();
+    void sourceRefusesUnusableFiles_data();
+    void sourceRefusesUnusableFiles();
+    void sinkWritesAnnexB_data();
+    void sinkWritesAnnexB();
+    void sinkWritesAdts_data();
+    void sinkWritesAdts();
+    void roundTripThroughNdi_data();
+    void roundTripThroughNdi();
+
+private:
+    // The clip's path; the test is skipped when ffmpeg cannot make it.
+    QString clip(TestMedia::Kind kind);
+
+    std::unique_ptr<LogCapture> log;
+    QMap<int, QString> clips; // by kind; "" when it could not be made
 };
+
+void TestElementaryStreams::initTestCase()
+{
+    log = std::make_unique<LogCapture>();
+    useNdiTestRuntime();
+    QVERIFY2(NdiRuntime::instance().isAvailable(), qPrintable(NdiRuntime::instance().problem()));
+    for (TestMedia::Kind kind : {TestMedia::H264, TestMedia::H265, TestMedia::Aac}) {
+        QString why;
+        clips[kind] = TestMedia::get(kind, &why);
+        if (clips[kind].isEmpty())
+            qWarning("%s", qPrintable(why));
+    }
+}
+
+void TestElementaryStreams::init()
+{
+    log->clear();
+    advanceClock(2); // no sender creation waits for an earlier one
+}
+
+QString TestElementaryStreams::clip(TestMedia::Kind kind)
+{
+    if (clips.value(kind).isEmpty())
+        QTest::qSkip("no test clip: ffmpeg or its encoder is missing (see the warning at the start)", __FILE__, __LINE__);
+    return clips.value(kind);
+}
 
 void TestElementaryStreams::annexB_data()
 {
@@ -159,6 +275,285 @@ void TestElementaryStreams::adtsHeader()
     QCOMPARE(back.frames.size(), 1);
     QCOMPARE(back.frames[0].size, payloadSize);
     QCOMPARE(back.audioSpecificConfig.toHex(), config);
+}
+
+void TestElementaryStreams::sourceLoops()
+{
+    const QString path = clip(TestMedia::H264);
+    if (path.isEmpty())
+        return;
+    QString why;
+    const int units = TestMedia::probe(path, &why).size();
+    QVERIFY2(units > 0, qPrintable(why));
+    EsSource source; // "loop" is on unless set off
+    Recorder recorder;
+    source.setData({{"file", path}, {"framerate", 100}});
+    source.link(&recorder, KestObject::Video);
+    QSignalSpy events(&source, &KestObject::eventSent);
+    source.start();
+    advanceClock((units + 5) / 100.0);
+    QTRY_VERIFY(recorder.packets.size() >= units + 5);
+    QCOMPARE(events.count(), 0);
+    QCOMPARE(recorder.bytes[units], recorder.bytes[0]); // from the start again, on time
+    QCOMPARE(recorder.packets[units].pts - recorder.packets[units - 1].pts, qint64(10000));
+    source.stop();
+}
+
+void TestElementaryStreams::sourceIdrSkipsAheadToNextKeyFrame()
+{
+    const QString path = clip(TestMedia::H264);
+    if (path.isEmpty())
+        return;
+    QString why;
+    const QVector<TestMedia::ProbePacket> reference = TestMedia::probe(path, &why);
+    QVERIFY2(reference.size() > TestMedia::kKeyInterval, qPrintable(why));
+    const QByteArray file = TestMedia::readFile(path);
+    EsSource source;
+    Recorder recorder;
+    source.setData({{"file", path}, {"framerate", 1}}); // one frame a second: the test moves the clock
+    source.link(&recorder, KestObject::Video);
+    source.start();
+    advanceClock(2.5);
+    QTRY_COMPARE(recorder.packets.size(), 3);
+    QCOMPARE(source.idr(), QVariant(1));
+    QCOMPARE(source.idrCount(), QVariant(1));
+    advanceClock(2);
+    QTRY_COMPARE(recorder.packets.size(), 5);
+    // The next packet is the next key frame, on time; the one after it follows it in the file.
+    QCOMPARE(recorder.bytes[3], expectedPayload(file, reference[TestMedia::kKeyInterval], false));
+    QCOMPARE(recorder.bytes[4], expectedPayload(file, reference[TestMedia::kKeyInterval + 1], false));
+    QCOMPARE(recorder.packets[3].frameType, 0);
+    QCOMPARE(recorder.packets[4].frameType, 1);
+    QCOMPARE(recorder.packets[3].pts - recorder.packets[2].pts, qint64(1000000));
+    source.stop();
+}
+
+void TestElementaryStreams::sourceRefusesUnusableFiles_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QVariant>("codec");
+    QTest::addColumn<QString>("message");
+    QTest::newRow("missing file") << "/nonexistent/clip.h264" << QVariant() << "[es] cannot read /nonexistent/clip.h264 :";
+    QTest::newRow("unknown codec") << "/nonexistent/clip.bin" << QVariant() << "[es] cannot tell the codec of";
+    QTest::newRow("not a stream of that codec") << QString(KEST_SOURCE_DIR "/README.md") << QVariant(4)
+                                                << "[es] " KEST_SOURCE_DIR "/README.md holds no access units";
+    QTest::newRow("not ADTS") << QString(KEST_SOURCE_DIR "/README.md") << QVariant("aac")
+                              << "[es] " KEST_SOURCE_DIR "/README.md holds no ADTS AAC frames";
+}
+
+void TestElementaryStreams::sourceRefusesUnusableFiles()
+{
+    QFETCH(QString, file);
+    QFETCH(QVariant, codec);
+    QFETCH(QString, message);
+    EsSource source;
+    source.setName("es");
+    Recorder recorder;
+    source.setData({{"file", file}, {"codec", codec}});
+    source.link(&recorder, KestObject::Both);
+    source.start();
+    advanceClock(5);
+    QTest::qWait(30);
+    QCOMPARE(log->lines().size(), 1);
+    QVERIFY2(log->lines()[0].startsWith(message), qPrintable(log->lines()[0]));
+    QVERIFY(recorder.packets.isEmpty() && recorder.infos.isEmpty());
+    source.stop();
+}
+
+void TestElementaryStreams::sinkWritesAnnexB_data()
+{
+    // Access units (hex) as they arrive; what the file holds afterwards.
+    QTest::addColumn<int>("codec");
+    QTest::addColumn<QByteArray>("extradata");
+    QTest::addColumn<QByteArrayList>("units");
+    QTest::addColumn<QByteArray>("file");
+    QTest::addColumn<int>("frames");
+
+    const QByteArray sps264 = "0000000167641f0000000168ee";
+    QTest::newRow("h264: waits for a key frame, adds the parameter sets it lacks")
+        << int(KestCodec::H264) << sps264
+        << QByteArrayList{"00000001419a01", "00000001658880", "00000001419a02", "0000000167641f0000000168ee00000001658881"}
+        << sps264 + "00000001658880" "00000001419a02" "0000000167641f0000000168ee00000001658881" << 3;
+    const QByteArray sps265 = "0000000140010c0000000142010100000001440101";
+    QTest::newRow("h265: IRAP frames get the parameter sets")
+        << int(KestCodec::H265) << sps265 << QByteArrayList{"000000012601af", "000000010201d0", "000000012601b0"}
+        << sps265 + "000000012601af" "000000010201d0" + sps265 + "000000012601b0" << 3;
+    QTest::newRow("no parameter sets known: key frames as they come")
+        << int(KestCodec::H264) << QByteArray() << QByteArrayList{"00000001658880"} << QByteArray("00000001658880") << 1;
+    QTest::newRow("another codec is not written") << int(KestCodec::MPEG4) << QByteArray()
+                                                  << QByteArrayList{"000001b6aa"} << QByteArray() << 0;
+}
+
+void TestElementaryStreams::sinkWritesAnnexB()
+{
+    QFETCH(int, codec);
+    QFETCH(QByteArray, extradata);
+    QFETCH(QByteArrayList, units);
+    QFETCH(QByteArray, file);
+    QFETCH(int, frames);
+    QTemporaryDir dir;
+    EsSink sink;
+    sink.setData({{"video_file", dir.filePath("out.es")}});
+    QSignalSpy events(&sink, &KestObject::eventSent);
+    sink.start();
+    sink.onNewInfoV({codec, {{"extradata", QByteArray::fromHex(extradata)}}, nullptr});
+    for (const QByteArray &unit : units)
+        deliver(sink, QByteArray::fromHex(unit), true);
+    QCOMPARE(TestMedia::readFile(dir.filePath("out.es")).toHex(), file); // unbuffered: there already
+    sink.onTimerStats();
+    QCOMPARE(events.last(), (QVariantList{"stats", QVariantMap{{"video", qint64(frames)}, {"audio", qint64(0)}}}));
+
+    // A new description waits for a key frame again.
+    sink.onNewInfoV({codec, {{"extradata", QByteArray::fromHex(extradata)}}, nullptr});
+    deliver(sink, QByteArray::fromHex("00000001419a03"), true);
+    QCOMPARE(TestMedia::readFile(dir.filePath("out.es")).size(), file.size() / 2);
+    sink.stop();
+}
+
+void TestElementaryStreams::sinkWritesAdts_data()
+{
+    QTest::addColumn<QVariantMap>("params");
+    QTest::addColumn<int>("sampleRate"); // as the written file says; 0: nothing written
+    QTest::addColumn<int>("channels");
+    QTest::newRow("from the AudioSpecificConfig")
+        << QVariantMap{{"extradata", QByteArray("\x12\x08", 2)}, {"samplerate", 48000}, {"channels", 2}} << 44100 << 1;
+    QTest::newRow("from rate and channels without one") << QVariantMap{{"samplerate", 32000}, {"channels", 2}} << 32000 << 2;
+    QTest::newRow("neither") << QVariantMap{{"samplerate", 12345}, {"channels", 2}} << 0 << 0;
+}
+
+void TestElementaryStreams::sinkWritesAdts()
+{
+    QFETCH(QVariantMap, params);
+    QFETCH(int, sampleRate);
+    QFETCH(int, channels);
+    QTemporaryDir dir;
+    EsSink sink;
+    sink.setData({{"audio_file", dir.filePath("out.aac")}});
+    QSignalSpy events(&sink, &KestObject::eventSent);
+    sink.start();
+    sink.onNewInfoA({KestCodec::AAC, params, nullptr});
+    deliver(sink, "first", false);
+    deliver(sink, "second frame", false);
+    const Adts::Stream written = Adts::parse(TestMedia::readFile(dir.filePath("out.aac")));
+    sink.onTimerStats();
+    sink.stop();
+    QCOMPARE(written.sampleRate, sampleRate);
+    QCOMPARE(written.channels, channels);
+    QCOMPARE(written.frames.size(), sampleRate ? 2 : 0);
+    QCOMPARE(written.frames.value(1).size, sampleRate ? 12 : 0);
+    QCOMPARE(events.last()[1].toMap().value("audio"), QVariant(qint64(written.frames.size())));
+}
+
+void TestElementaryStreams::roundTripThroughNdi_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::newRow("h264 and aac") << int(TestMedia::H264);
+    QTest::newRow("h265 and aac") << int(TestMedia::H265);
+}
+
+void TestElementaryStreams::roundTripThroughNdi()
+{
+    QFETCH(int, kind);
+    const bool h264 = kind == TestMedia::H264;
+    const QString videoClip = clip(TestMedia::Kind(kind)), audioClip = clip(TestMedia::Aac);
+    if (videoClip.isEmpty() || audioClip.isEmpty())
+        return;
+    QString why;
+    const QVector<TestMedia::ProbePacket> videoReference = TestMedia::probe(videoClip, &why);
+    const QVector<TestMedia::ProbePacket> audioReference = TestMedia::probe(audioClip, &why);
+    QVERIFY2(!videoReference.isEmpty() && !audioReference.isEmpty(), qPrintable(why));
+    QTemporaryDir dir;
+    const QString videoOut = dir.filePath("received.es"), audioOut = dir.filePath("received.aac");
+
+    KestNDISend sender;
+    sender.setData({{"name", "round trip"}, {"config", "/nonexistent"}});
+    EsSource camera, microphone;
+    camera.setData({{"file", videoClip}, {"loop", false}, {"width", TestMedia::kWidth}, {"height", TestMedia::kHeight},
+                    {"framerate", TestMedia::kFrameRate}});
+    microphone.setData({{"file", audioClip}, {"loop", false}});
+    camera.link(&sender, KestObject::Video);
+    microphone.link(&sender, KestObject::Audio);
+    KestNDIRecv receiver;
+    receiver.setData({{"name", QString::fromUtf8(ndiSourceName("round trip"))}, {"config", "/nonexistent"}});
+    EsSink sink;
+    sink.setData({{"video_file", videoOut}, {"audio_file", audioOut}});
+    receiver.link(&sink, KestObject::Both);
+    QSignalSpy ready(&receiver, &KestObject::eventSent), stats(&sink, &KestObject::eventSent);
+    QSignalSpy cameraEnd(&camera, &KestObject::eventSent), microphoneEnd(&microphone, &KestObject::eventSent);
+    sink.start();
+    receiver.start();
+    receiver.onTimer(); // the 2 s tick that connects, without the wait
+    QCOMPARE(kesttest_receiver_count(), 1);
+    camera.start();
+    microphone.start();
+    advanceClock(10); // every frame is due at once
+    QTRY_VERIFY(cameraEnd.count() == 1 && microphoneEnd.count() == 1);
+    QTRY_COMPARE(receiverInfo(newestReceiver()).queued_frames, 0); // the 10 ms capture timer
+    sink.onTimerStats();
+    sink.stop();
+    receiver.setData({{"name", ""}});
+    const QVector<SentFrame> sent = sentFrames(newestSender());
+    sender.stop();
+
+    // The sender got the exact bytes of every access unit and AAC frame, in order, one period
+    // apart on the host clock, on the main stream; key frames and every AAC frame are marked
+    // and carry their parameter sets, the same each time.
+    const QByteArray videoFile = TestMedia::readFile(videoClip), audioFile = TestMedia::readFile(audioClip);
+    const uint32_t videoFourCC = h264 ? NDIlib_FourCC_video_type_ex_H264_highest_bandwidth : NDIlib_FourCC_video_type_ex_HEVC_highest_bandwidth;
+    QByteArray parameterSets;
+    qint64 firstPts[2] = {0, 0};
+    int counts[2] = {0, 0};
+    for (const SentFrame &f : sent) {
+        const bool audio = f.raw.type == NDIlib_frame_type_audio;
+        const TestMedia::ProbePacket &reference = (audio ? audioReference : videoReference).value(counts[audio]);
+        const int i = counts[audio]++;
+        QVERIFY2(!f.raw.p_drop_reason, f.raw.p_drop_reason);
+        QCOMPARE(audio ? uint32_t(f.raw.audio.FourCC) : uint32_t(f.raw.video.FourCC), audio ? uint32_t(NDIlib_FourCC_audio_type_ex_AAC) : videoFourCC);
+        QCOMPARE(withoutOuterZeros(f.payload), withoutOuterZeros(expectedPayload(audio ? audioFile : videoFile, reference, audio)));
+        const double periodUs = audio ? 1e6 * Adts::kSamplesPerFrame / 48000 : 1e6 / TestMedia::kFrameRate;
+        if (i == 0)
+            firstPts[audio] = f.header.pts;
+        QCOMPARE(qint64(f.header.pts - firstPts[audio]), std::llround(i * periodUs) * 10);
+        QCOMPARE(bool(f.header.flags & 1), audio || reference.key);
+        if (audio)
+            QCOMPARE(f.extra.toHex(), QByteArray("1190")); // AAC-LC, 48 kHz, stereo
+        else if (reference.key)
+            QCOMPARE(f.extra, parameterSets.isEmpty() ? (parameterSets = f.extra) : parameterSets);
+        else
+            QVERIFY(f.extra.isEmpty());
+    }
+    QCOMPARE(counts[0], videoReference.size());
+    QCOMPARE(counts[1], audioReference.size());
+    // Each parameter set is found verbatim in the first access unit the encoder wrote, and
+    // they are the ones of the codec, in order.
+    const QByteArray startCode("\0\0\0\1", 4);
+    QVERIFY(parameterSets.startsWith(startCode));
+    QStringList types;
+    for (int at = 0; at >= 0;) {
+        const int next = parameterSets.indexOf(startCode, at + 4);
+        const QByteArray nal = parameterSets.mid(at + 4, next < 0 ? -1 : next - at - 4);
+        QVERIFY(expectedPayload(videoFile, videoReference[0], false).contains(nal));
+        types << QString::number(h264 ? (nal[0] & 0x1f) : ((nal[0] >> 1) & 0x3f));
+        at = next;
+    }
+    QCOMPARE(types, (h264 ? QStringList{"7", "8"} : QStringList{"32", "33", "34"}));
+
+    // ffprobe decodes both written files cleanly, every frame of the clips in them.
+    QCOMPARE(stats.last()[1].toMap(), (QVariantMap{{"video", qint64(counts[0])}, {"audio", qint64(counts[1])}}));
+    QCOMPARE(TestMedia::decode(videoOut), QStringLiteral("%1 %2").arg(h264 ? "h264" : "hevc").arg(counts[0]));
+    QCOMPARE(TestMedia::decode(audioOut), QStringLiteral("aac %1").arg(counts[1]));
+
+    // One "ready" per stream; the second shows both, with the clip's own parameter sets.
+    QCOMPARE(ready.count(), 2);
+    const QVariantMap both = ready.last()[1].toMap();
+    QCOMPARE(both["infoV"].toMap(), (QVariantMap{{"codec", h264 ? "h264" : "h265"}, {"width", TestMedia::kWidth},
+                                                 {"height", TestMedia::kHeight}, {"framerate", TestMedia::kFrameRate},
+                                                 {"extradata", parameterSets}}));
+    const QVariantMap infoA = both["infoA"].toMap();
+    QCOMPARE(infoA["codec"], QVariant("aac"));
+    QCOMPARE(infoA["samplerate"], QVariant(48000));
+    QCOMPARE(infoA["channels"], QVariant(2));
+    QCOMPARE(infoA["extradata"].toByteArray().toHex(), QByteArray("1190"));
 }
 
 QTEST_GUILESS_MAIN(TestElementaryStreams)
