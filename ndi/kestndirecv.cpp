@@ -324,14 +324,32 @@ void KestNDIRecv::timerEvent(QTimerEvent *)
     }
 }
 
-char *KestNDIRecv::copyPayload(const char *data, int size, int headroom)
+Packet KestNDIRecv::packetOf(const char *data, int size, int headroom, qint64 pts, int frameType)
 {
-    char *copy = bufferData(data, size, headroom);
-    if (!copy && !poolTooSmallLogged) {
+    Packet pkt;
+    pkt.data = bufferData(data, size, headroom);
+    if (!pkt.data && !poolTooSmallLogged) {
         nodeLog(this) << QStringLiteral("a frame of %1 bytes does not fit \"memSize\"; such frames are dropped").arg(size);
         poolTooSmallLogged = true;
     }
-    return copy;
+    pkt.len = size;
+    pkt.pts = pts;
+    pkt.dts = -1;
+    pkt.frameType = frameType;
+    pkt.source = nullptr;
+    return pkt;
+}
+
+bool KestNDIRecv::describe(StreamInfo &info, bool video)
+{
+    const quint64 connection = connections;
+    info.source = nullptr;
+    if (video)
+        sendInfoV(info);
+    else
+        sendInfoA(info);
+    sendInfoEvent();
+    return connections == connection;
 }
 
 void KestNDIRecv::takeVideo(const NDIlib_video_frame_v2_t &frame)
@@ -353,15 +371,9 @@ void KestNDIRecv::takeCompressedVideo(const NDIlib_video_frame_v2_t &frame)
         return;
     }
     const qint64 pts = rebase(packet.header.pts / kNdiUnitsPerUs, videoStart, videoLast, audioStart, audioLast);
-    Packet pkt;
-    pkt.data = copyPayload(packet.payload, packet.payloadSize, kCopyHeadroom);
+    Packet pkt = packetOf(packet.payload, packet.payloadSize, kCopyHeadroom, pts, 0);
     if (!pkt.data)
         return;
-    pkt.len = packet.payloadSize;
-    pkt.pts = pts;
-    pkt.dts = -1;
-    pkt.frameType = 0;
-    pkt.source = nullptr;
     // Described before its first packet goes out: the host wants a stream's description first.
     if (infoV.codec == KestCodec::None && !videoDescribed && !describeCompressedVideo(frame, packet))
         return;
@@ -370,7 +382,6 @@ void KestNDIRecv::takeCompressedVideo(const NDIlib_video_frame_v2_t &frame)
 
 bool KestNDIRecv::describeCompressedVideo(const NDIlib_video_frame_v2_t &frame, const CompressedFrame &packet)
 {
-    const quint64 connection = connections;
     const uint32_t fourcc = frame.FourCC;
     const char last = char(fourcc >> 24);
     int codec = KestCodec::None;
@@ -384,14 +395,11 @@ bool KestNDIRecv::describeCompressedVideo(const NDIlib_video_frame_v2_t &frame, 
                     {QStringLiteral("height"), frame.yres},
                     {QStringLiteral("framerate"), frame.frame_rate_N},
                     {QStringLiteral("extradata"), QByteArray(packet.extra, packet.extraSize)}};
-    infoV.source = nullptr;
     // Without a codec the description still goes out, once per connection, not with every frame.
     videoDescribed = true;
     if (codec == KestCodec::None)
         nodeLog(this) << "compressed video" << fourCCText(fourcc) << "is neither H.264 nor H.265";
-    sendInfoV(infoV);
-    sendInfoEvent();
-    return connections == connection;
+    return describe(infoV, true);
 }
 
 void KestNDIRecv::takeUncompressedVideo(const NDIlib_video_frame_v2_t &frame)
@@ -406,27 +414,17 @@ void KestNDIRecv::takeUncompressedVideo(const NDIlib_video_frame_v2_t &frame)
     }
     qint64 now = 0;
     KestHi::getPTS(&now, false);
-    Packet pkt;
-    pkt.data = copyPayload(reinterpret_cast<const char *>(frame.p_data), frame.data_size_in_bytes, 0);
+    Packet pkt = packetOf(reinterpret_cast<const char *>(frame.p_data), frame.data_size_in_bytes, 0, now, 0);
     if (!pkt.data)
         return;
-    pkt.len = frame.data_size_in_bytes;
-    pkt.pts = now;
-    pkt.dts = -1;
-    pkt.frameType = 0;
-    pkt.source = nullptr;
     if (infoV.codec == KestCodec::None && !videoDescribed) {
-        const quint64 connection = connections;
         infoV.codec = KestCodec::RawVideo;
         const double rate = frame.frame_rate_D > 0 ? std::round(double(frame.frame_rate_N) / frame.frame_rate_D) : 0.0;
         infoV.params = {{QStringLiteral("width"), frame.xres},
                         {QStringLiteral("height"), frame.yres},
                         {QStringLiteral("framerate"), rate}};
-        infoV.source = nullptr;
         videoDescribed = true;
-        sendInfoV(infoV);
-        sendInfoEvent();
-        if (connections != connection)
+        if (!describe(infoV, true))
             return;
     }
     sendPacketV(pkt);
@@ -440,17 +438,10 @@ void KestNDIRecv::takeAudio(const NDIlib_audio_frame_v3_t &frame)
         return;
     }
     const qint64 pts = rebase(packet.header.pts / kNdiUnitsPerUs, audioStart, audioLast, videoStart, videoLast);
-    Packet pkt;
-    pkt.data = copyPayload(packet.payload, packet.payloadSize, kCopyHeadroom);
+    Packet pkt = packetOf(packet.payload, packet.payloadSize, kCopyHeadroom, pts, kAudioFrameType);
     if (!pkt.data)
         return;
-    pkt.len = packet.payloadSize;
-    pkt.pts = pts;
-    pkt.dts = -1;
-    pkt.frameType = kAudioFrameType;
-    pkt.source = nullptr;
     if (infoA.codec == KestCodec::None) {
-        const quint64 connection = connections;
         infoA.codec = KestCodec::AAC;
         // "channel_layout" is the channel count plus one for every count (3 for stereo), as the
         // host's decoders expect it.
@@ -460,10 +451,7 @@ void KestNDIRecv::takeAudio(const NDIlib_audio_frame_v3_t &frame)
                         {QStringLiteral("channel_layout"), frame.no_channels + 1},
                         {QStringLiteral("extradata"), QByteArray(packet.extra, packet.extraSize)},
                         {QStringLiteral("frame_size"), frame.no_samples}};
-        infoA.source = nullptr;
-        sendInfoA(infoA);
-        sendInfoEvent();
-        if (connections != connection)
+        if (!describe(infoA, false))
             return;
     }
     sendPacketA(pkt);

@@ -58,7 +58,10 @@ private:
     void takeAudio(const NDIlib_audio_frame_v3_t &frame);
     // False when whoever heard about the description ended the connection.
     bool describeCompressedVideo(const NDIlib_video_frame_v2_t &frame, const CompressedFrame &packet);
-    char *copyPayload(const char *data, int size, int headroom);
+    // A packet over a pool copy of `size` bytes; its data is null when the pool has no room.
+    Packet packetOf(const char *data, int size, int headroom, qint64 pts, int frameType);
+    // Sends the description and "ready"; false when whoever heard it ended the connection.
+    bool describe(StreamInfo &info, bool video);
 
     const NdiFunctions *ndi = nullptr; // null when no usable NDI runtime was found
     NDIlib_recv_instance_t recv = nullptr;
