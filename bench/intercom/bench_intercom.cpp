@@ -14,6 +14,8 @@
 #include <QLoggingCategory>
 #include <QThread>
 
+#include "alloccount.h"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -31,71 +33,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-// --- heap allocation counter ------------------------------------------------------------------
-// Every malloc family call of the process (operator new and Qt's containers end up there) is
-// counted while `counting` is set. Sanitizer builds bring their own allocator: no counting there.
-namespace {
-std::atomic<bool> counting{false};
-std::atomic<long> allocations{0};
-inline void countAllocation()
-{
-    if (counting.load(std::memory_order_relaxed))
-        allocations.fetch_add(1, std::memory_order_relaxed);
-}
-} // namespace
-
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define KEST_COUNTS_ALLOCATIONS 1
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void *__libc_realloc(void *, size_t);
-void *__libc_memalign(size_t, size_t);
-void __libc_free(void *);
-
-void *malloc(size_t n) noexcept
-{
-    countAllocation();
-    return __libc_malloc(n);
-}
-void *calloc(size_t n, size_t size) noexcept
-{
-    countAllocation();
-    return __libc_calloc(n, size);
-}
-void *realloc(void *p, size_t n) noexcept
-{
-    countAllocation();
-    return __libc_realloc(p, n);
-}
-void *memalign(size_t alignment, size_t n) noexcept
-{
-    countAllocation();
-    return __libc_memalign(alignment, n);
-}
-void *aligned_alloc(size_t alignment, size_t n) noexcept
-{
-    countAllocation();
-    return __libc_memalign(alignment, n);
-}
-int posix_memalign(void **out, size_t alignment, size_t n) noexcept
-{
-    countAllocation();
-    void *p = __libc_memalign(alignment, n);
-    if (!p)
-        return ENOMEM;
-    *out = p;
-    return 0;
-}
-void free(void *p) noexcept
-{
-    __libc_free(p);
-}
-}
-#else
-#define KEST_COUNTS_ALLOCATIONS 0
-#endif
 
 namespace {
 
@@ -163,22 +100,20 @@ void BM_MixStep(benchmark::State &state)
     MixRig rig(int(state.range(0)));
     rig.refill();
     int remaining = kJitterFrames;
-    allocations = 0;
-    counting = true;
+    const long before = AllocCount::count();
     for (auto _ : state) {
         if (remaining == 0) {
-            counting = false;
+            AllocCount::setCounting(false);
             state.PauseTiming();
             rig.refill();
             state.ResumeTiming();
-            counting = true;
+            AllocCount::setCounting(true);
             remaining = kJitterFrames;
         }
         rig.node.onTimerMix();
         --remaining;
     }
-    counting = false;
-    state.counters["allocs/step"] = benchmark::Counter(double(allocations.load()), benchmark::Counter::kAvgIterations);
+    state.counters["allocs/step"] = benchmark::Counter(double(AllocCount::count() - before), benchmark::Counter::kAvgIterations);
     state.SetBytesProcessed(int64_t(state.iterations()) * rig.stations * kFrameBytes);
 }
 
@@ -398,20 +333,6 @@ Percentiles loopbackLatency()
     return percentiles(samples, 0);
 }
 
-// Proof that the counter sees the allocations it is meant to see.
-bool allocationCounterWorks()
-{
-    allocations = 0;
-    counting = true;
-    QList<Packet> list;
-    list.append(Packet());
-    auto *p = new int(1);
-    benchmark::DoNotOptimize(p);
-    delete p;
-    counting = false;
-    return allocations.load() >= 2;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -423,7 +344,7 @@ int main(int argc, char **argv)
     benchmark::RunSpecifiedBenchmarks(&collector);
 
     std::printf("\n== intercom summary (CPU time per iteration)\n");
-    const bool countsWork = KEST_COUNTS_ALLOCATIONS && allocationCounterWorks();
+    const bool countsWork = AllocCount::works();
     for (int talkers : {1, 4, 16}) {
         const std::string mixName = "BM_MixStep/" + std::to_string(talkers);
         const std::string readName = "BM_ReadSameBytes/" + std::to_string(talkers);

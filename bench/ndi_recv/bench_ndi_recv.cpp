@@ -13,6 +13,8 @@
 
 #include "ndi/kestndirecv.h"
 
+#include "alloccount.h"
+
 #include <benchmark/benchmark.h>
 
 #include <QCoreApplication>
@@ -25,33 +27,6 @@
 #include <cstring>
 #include <map>
 #include <vector>
-
-// --- counting heap allocations --------------------------------------------------------------
-extern "C" void *__libc_malloc(size_t);
-extern "C" void *__libc_calloc(size_t, size_t);
-extern "C" void *__libc_realloc(void *, size_t);
-
-namespace {
-std::atomic<long> allocations{0};
-}
-
-extern "C" void *malloc(size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(size);
-}
-
-extern "C" void *calloc(size_t n, size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_calloc(n, size);
-}
-
-extern "C" void *realloc(void *p, size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_realloc(p, size);
-}
 
 namespace {
 
@@ -154,11 +129,11 @@ void measure(benchmark::State &state, const char *name, Prepare prepare, Timed t
     Total &total = totals[{name, size}];
     for (auto _ : state) {
         prepare();
-        const long before = allocations.load();
+        const long before = AllocCount::count();
         const auto start = Clock::now();
         timed();
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        allocs += allocations.load() - before;
+        allocs += AllocCount::count() - before;
         state.SetIterationTime(seconds);
         total.bytes += double(size) * kFramesPerPass;
         total.seconds += seconds;

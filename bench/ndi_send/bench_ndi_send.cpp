@@ -14,6 +14,8 @@
 #include "ndi/kestndisend.h"
 #include "packetqueue.h"
 
+#include "alloccount.h"
+
 #include <benchmark/benchmark.h>
 
 #include <QCoreApplication>
@@ -23,33 +25,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <vector>
-
-// --- counting heap allocations --------------------------------------------------------------
-extern "C" void *__libc_malloc(size_t);
-extern "C" void *__libc_calloc(size_t, size_t);
-extern "C" void *__libc_realloc(void *, size_t);
-
-namespace {
-std::atomic<long> allocations{0};
-}
-
-extern "C" void *malloc(size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(size);
-}
-
-extern "C" void *calloc(size_t n, size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_calloc(n, size);
-}
-
-extern "C" void *realloc(void *p, size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_realloc(p, size);
-}
 
 namespace {
 
@@ -65,10 +40,10 @@ void measure(benchmark::State &state, Body body)
 {
     for (int i = 0; i < 64; ++i) // warm-up: queues and buffers reach their working size
         body();
-    const long before = allocations.load();
+    const long before = AllocCount::count();
     for (auto _ : state)
         body();
-    state.counters["allocs/frame"] = benchmark::Counter(double(allocations.load() - before) / double(state.iterations()));
+    state.counters["allocs/frame"] = benchmark::Counter(double(AllocCount::count() - before) / double(state.iterations()));
     state.SetBytesProcessed(int64_t(state.iterations()) * state.range(0));
 }
 
