@@ -8,6 +8,7 @@
 #include "essink.h"
 #include "essource.h"
 #include "logcapture.h"
+#include "recorder.h"
 #include "testmedia.h"
 #include "testruntime.h"
 
@@ -51,22 +52,15 @@ QByteArray adtsFrame(const QByteArray &payload, int rateIndex = 3, int channels 
     return h + payload;
 }
 
-// Keeps copies of the packets that reach it.
-class Recorder : public KestObject
+// Keeps copies of the video bytes as well: the source's memory moves on.
+struct Copier : Recorder
 {
-public:
-    void onNewPacketV(Packet pkt) override { record(pkt); }
-    void onNewPacketA(Packet pkt) override { record(pkt); }
-    void onNewInfoV(StreamInfo info) override { infos.append(info); }
-    void onNewInfoA(StreamInfo info) override { infos.append(info); }
-    void record(const Packet &pkt)
-    {
-        packets.append(pkt);
-        bytes.append(QByteArray(pkt.data, pkt.len));
-    }
-    QVector<Packet> packets;
     QByteArrayList bytes;
-    QVector<StreamInfo> infos;
+    void onNewPacketV(Packet p) override
+    {
+        Recorder::onNewPacketV(p);
+        bytes << QByteArray(p.data, p.len);
+    }
 };
 
 void advanceClock(double seconds)
@@ -182,12 +176,8 @@ void TestElementaryStreams::annexB_data()
         << H264 << QByteArray("000001 658811 0000 000001 419a22") << "0+7K 7+7" << QByteArray();
     QTest::newRow("h264 access unit delimiter opens a unit")
         << H264 << QByteArray("00000001 09f0 00000001 658811 00000001 09f0 00000001 419a22") << "0+13K 13+13" << QByteArray();
-    QTest::newRow("h264 bytes before the first start code skipped")
-        << H264 << QByteArray("ffee 00000001 658811") << "2+7K" << QByteArray();
     QTest::newRow("h264 SEI belongs to the next picture")
         << H264 << QByteArray("00000001 658811 00000001 060501 00000001 419a22") << "0+7K 7+14" << QByteArray();
-    QTest::newRow("h264 no picture, no unit") << H264 << QByteArray("00000001 67641f") << ""
-                                              << QByteArray("0000000167641f");
     QTest::newRow("h264 only the parameter sets before the first picture")
         << H264 << QByteArray("00000001 6711 00000001 658811 00000001 6722 00000001 658833") << "0+13K 13+13K"
         << QByteArray("000000016711");
@@ -252,13 +242,11 @@ void TestElementaryStreams::adtsHeader_data()
     QTest::addColumn<int>("payloadSize");
     QTest::addColumn<QByteArray>("header"); // hex; "": no header
     QTest::newRow("AAC-LC 48 kHz stereo") << QByteArray("1190") << 3 << QByteArray("fff14c80015ffc");
-    QTest::newRow("AAC-LC 44.1 kHz mono") << QByteArray("1208") << 1 << QByteArray("fff15040011ffc");
     QTest::newRow("HE-AAC object type 5 has no header") << QByteArray("2b10") << 3 << QByteArray();
     QTest::newRow("largest frame") << QByteArray("1190") << 8184 << QByteArray("fff14c83fffffc");
     QTest::newRow("frame too long for 13 bits") << QByteArray("1190") << 8185 << QByteArray();
     QTest::newRow("explicit rate (index 15)") << QByteArray("1790") << 3 << QByteArray();
     QTest::newRow("channels from a program config (0)") << QByteArray("1180") << 3 << QByteArray();
-    QTest::newRow("one byte") << QByteArray("11") << 3 << QByteArray();
 }
 
 void TestElementaryStreams::adtsHeader()
@@ -286,16 +274,16 @@ void TestElementaryStreams::sourceLoops()
     const int units = TestMedia::probe(path, &why).size();
     QVERIFY2(units > 0, qPrintable(why));
     EsSource source; // "loop" is on unless set off
-    Recorder recorder;
+    Copier recorder;
     source.setData({{"file", path}, {"framerate", 100}});
     source.link(&recorder, KestObject::Video);
     QSignalSpy events(&source, &KestObject::eventSent);
     source.start();
     advanceClock((units + 5) / 100.0);
-    QTRY_VERIFY(recorder.packets.size() >= units + 5);
+    QTRY_VERIFY(recorder.video.size() >= units + 5);
     QCOMPARE(events.count(), 0);
     QCOMPARE(recorder.bytes[units], recorder.bytes[0]); // from the start again, on time
-    QCOMPARE(recorder.packets[units].pts - recorder.packets[units - 1].pts, qint64(10000));
+    QCOMPARE(recorder.video[units].pts - recorder.video[units - 1].pts, qint64(10000));
     source.stop();
 }
 
@@ -309,22 +297,22 @@ void TestElementaryStreams::sourceIdrSkipsAheadToNextKeyFrame()
     QVERIFY2(reference.size() > TestMedia::kKeyInterval, qPrintable(why));
     const QByteArray file = TestMedia::readFile(path);
     EsSource source;
-    Recorder recorder;
+    Copier recorder;
     source.setData({{"file", path}, {"framerate", 1}}); // one frame a second: the test moves the clock
     source.link(&recorder, KestObject::Video);
     source.start();
     advanceClock(2.5);
-    QTRY_COMPARE(recorder.packets.size(), 3);
+    QTRY_COMPARE(recorder.video.size(), 3);
     QCOMPARE(source.idr(), QVariant(1));
     QCOMPARE(source.idrCount(), QVariant(1));
     advanceClock(2);
-    QTRY_COMPARE(recorder.packets.size(), 5);
+    QTRY_COMPARE(recorder.video.size(), 5);
     // The next packet is the next key frame, on time; the one after it follows it in the file.
     QCOMPARE(recorder.bytes[3], expectedPayload(file, reference[TestMedia::kKeyInterval], false));
     QCOMPARE(recorder.bytes[4], expectedPayload(file, reference[TestMedia::kKeyInterval + 1], false));
-    QCOMPARE(recorder.packets[3].frameType, 0);
-    QCOMPARE(recorder.packets[4].frameType, 1);
-    QCOMPARE(recorder.packets[3].pts - recorder.packets[2].pts, qint64(1000000));
+    QCOMPARE(recorder.video[3].frameType, 0);
+    QCOMPARE(recorder.video[4].frameType, 1);
+    QCOMPARE(recorder.video[3].pts - recorder.video[2].pts, qint64(1000000));
     source.stop();
 }
 
@@ -348,7 +336,7 @@ void TestElementaryStreams::sourceRefusesUnusableFiles()
     QFETCH(QString, message);
     EsSource source;
     source.setName("es");
-    Recorder recorder;
+    Copier recorder;
     source.setData({{"file", file}, {"codec", codec}});
     source.link(&recorder, KestObject::Both);
     source.start();
@@ -356,7 +344,7 @@ void TestElementaryStreams::sourceRefusesUnusableFiles()
     QTest::qWait(30);
     QCOMPARE(log->lines().size(), 1);
     QVERIFY2(log->lines()[0].startsWith(message), qPrintable(log->lines()[0]));
-    QVERIFY(recorder.packets.isEmpty() && recorder.infos.isEmpty());
+    QVERIFY(recorder.video.isEmpty() && recorder.audio.isEmpty() && recorder.infosV.isEmpty() && recorder.infosA.isEmpty());
     source.stop();
 }
 
@@ -524,19 +512,9 @@ void TestElementaryStreams::roundTripThroughNdi()
     }
     QCOMPARE(counts[0], videoReference.size());
     QCOMPARE(counts[1], audioReference.size());
-    // Each parameter set is found verbatim in the first access unit the encoder wrote, and
-    // they are the ones of the codec, in order.
-    const QByteArray startCode("\0\0\0\1", 4);
-    QVERIFY(parameterSets.startsWith(startCode));
-    QStringList types;
-    for (int at = 0; at >= 0;) {
-        const int next = parameterSets.indexOf(startCode, at + 4);
-        const QByteArray nal = parameterSets.mid(at + 4, next < 0 ? -1 : next - at - 4);
-        QVERIFY(expectedPayload(videoFile, videoReference[0], false).contains(nal));
-        types << QString::number(h264 ? (nal[0] & 0x1f) : ((nal[0] >> 1) & 0x3f));
-        at = next;
-    }
-    QCOMPARE(types, (h264 ? QStringList{"7", "8"} : QStringList{"32", "33", "34"}));
+    // They are the source's parameter sets, and they start the clip's first access unit.
+    QCOMPARE(parameterSets.toHex(), AnnexB::split(videoFile, h264 ? AnnexB::Codec::H264 : AnnexB::Codec::H265).parameterSets.toHex());
+    QVERIFY(!parameterSets.isEmpty() && videoFile.startsWith(parameterSets));
 
     // ffprobe decodes both written files cleanly, every frame of the clips in them.
     QCOMPARE(stats.last()[1].toMap(), (QVariantMap{{"video", qint64(counts[0])}, {"audio", qint64(counts[1])}}));
