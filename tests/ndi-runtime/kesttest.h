@@ -92,14 +92,12 @@ void NDIlib_find_destroy(NDIlib_find_instance_t p_instance);
 const NDIlib_source_t *NDIlib_find_get_current_sources(NDIlib_find_instance_t p_instance, uint32_t *p_no_sources);
 NDIlib_recv_instance_t NDIlib_recv_create_v3(const NDIlib_recv_create_v3_t *p_create_settings);
 void NDIlib_recv_destroy(NDIlib_recv_instance_t p_instance);
-void NDIlib_recv_connect(NDIlib_recv_instance_t p_instance, const NDIlib_source_t *p_src);
 NDIlib_frame_type_e NDIlib_recv_capture_v3(NDIlib_recv_instance_t p_instance, NDIlib_video_frame_v2_t *p_video_data,
                                            NDIlib_audio_frame_v3_t *p_audio_data, NDIlib_metadata_frame_t *p_metadata,
                                            uint32_t timeout_in_ms);
 void NDIlib_recv_free_video_v2(NDIlib_recv_instance_t p_instance, const NDIlib_video_frame_v2_t *p_video_data);
 bool NDIlib_recv_set_tally(NDIlib_recv_instance_t p_instance, const NDIlib_tally_t *p_tally);
 void NDIlib_send_destroy(NDIlib_send_instance_t p_instance);
-void NDIlib_send_add_connection_metadata(NDIlib_send_instance_t p_instance, const NDIlib_metadata_frame_t *p_metadata);
 // Advanced SDK: not in the standard runtime.
 NDIlib_send_instance_t NDIlib_send_create_v2(const NDIlib_send_create_t *p_create_settings, const char *p_config_data);
 void NDIlib_send_send_video_scatter(NDIlib_send_instance_t p_instance, const NDIlib_video_frame_v2_t *p_video_data,

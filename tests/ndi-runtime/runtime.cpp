@@ -260,11 +260,8 @@ NDIlib_tally_t tallyOf(const Sender &s)
     int64_t total = 0;
     if (!scatter || !scatter->p_data_blocks || !scatter->p_data_blocks_size || !scatter->p_data_blocks[0])
         reason = "the scatter list has no blocks";
-    for (; !reason && scatter->p_data_blocks[blockCount]; ++blockCount) {
-        if (scatter->p_data_blocks_size[blockCount] < 0)
-            reason = "a scatter block has a negative size";
-        total += scatter->p_data_blocks_size[blockCount];
-    }
+    for (; !reason && scatter->p_data_blocks[blockCount]; ++blockCount)
+        total += std::max(scatter->p_data_blocks_size[blockCount], 0);
     NDIlib_compressed_packet_t header{};
     if (!reason && scatter->p_data_blocks_size[0] < int(sizeof(header))) {
         reason = "the compressed packet header is not inside the first block";
@@ -293,7 +290,7 @@ NDIlib_tally_t tallyOf(const Sender &s)
     if (!anyTarget && !record)
         return;
     std::vector<uint8_t> bytes;
-    bytes.reserve(size_t(std::max<int64_t>(total, 0)));
+    bytes.reserve(size_t(total));
     for (int i = 0; i < blockCount; ++i)
         bytes.insert(bytes.end(), scatter->p_data_blocks[i], scatter->p_data_blocks[i] + std::max(scatter->p_data_blocks_size[i], 0));
     for (Receiver *r : s.receivers) {
@@ -531,9 +528,8 @@ KESTTEST_EXPORT void NDIlib_send_add_connection_metadata(NDIlib_send_instance_t 
 {
     Locked n;
     Sender *s = lookup(n->senders, p_instance, __func__);
-    if (s && p_metadata && p_metadata->p_data) // length 0: a NUL-terminated text
-        s->metadata.emplace_back(p_metadata->p_data, p_metadata->length > 0 ? strnlen(p_metadata->p_data, size_t(p_metadata->length))
-                                                                            : std::strlen(p_metadata->p_data));
+    if (s && p_metadata && p_metadata->p_data) // NUL-terminated: the library passes length 0
+        s->metadata.emplace_back(p_metadata->p_data);
 }
 
 KESTTEST_EXPORT bool NDIlib_send_get_tally(NDIlib_send_instance_t p_instance, NDIlib_tally_t *p_tally, uint32_t)
