@@ -1,13 +1,11 @@
 #pragma once
 
-// Test-only control interface of the NDI test runtime (tests/ndi-runtime, built as
-// libndi.so.5). Tests link the runtime and reach it through these functions; the library under
-// test reaches the same runtime through NDI_RUNTIME_DIR_V5 and the NDI functions.
+// The NDI test runtime (tests/ndi-runtime, built as libndi.so.5): its test-only control
+// interface, and the NDI functions tests and benchmarks call directly. The library under test
+// reaches the same runtime through NDI_RUNTIME_DIR_V5 and its loader.
 //
-// All functions are thread-safe. Handles are the ones the NDI functions returned; an unknown or
-// destroyed handle makes a query return false / 0 / NULL. Strings and arrays returned here stay
-// valid until the instance they belong to is destroyed or changed (a receiver connected to
-// another source), unless a function says otherwise.
+// All functions are thread-safe. An unknown or destroyed handle makes a query return
+// false / 0 / NULL. Strings and arrays returned here live as long as the instance they belong to.
 
 #include "ndi/ndiabi.h"
 
@@ -15,71 +13,47 @@
 extern "C" {
 #endif
 
-// --- the machine -------------------------------------------------------------------------
-// Machine part of every source name: the host name in upper case. A sender "cam" is listed by
-// finders as kesttest_machine_name() + " (cam)".
+// Machine part of every source name: a sender "cam" is listed as kesttest_machine_name() + " (cam)".
 const char *kesttest_machine_name(void);
-// Number of NDIlib_initialize calls so far.
-int kesttest_initialize_calls(void);
 
-// --- creation failures -------------------------------------------------------------------
-enum kesttest_kind_e { KESTTEST_FINDER = 1, KESTTEST_SENDER = 2, KESTTEST_RECEIVER = 3 };
-// The next `count` creations of that kind (any create function) return NULL. 0 cancels.
+enum kesttest_kind_e { KESTTEST_SENDER = 1, KESTTEST_RECEIVER = 2 };
+// The next `count` creations of that kind return NULL. 0 cancels.
 void kesttest_fail_next_creates(int kind, int count);
 
 // --- senders -------------------------------------------------------------------------------
 // Live senders in creation order; index out of range: NULL.
 int kesttest_sender_count(void);
 NDIlib_send_instance_t kesttest_sender_at(int index);
-// The live sender whose source name ("MACHINE (name)") or plain NDI name equals `name`.
-NDIlib_send_instance_t kesttest_sender_by_name(const char *name);
-// Total number of senders ever created (successfully) in the process.
-int kesttest_senders_created(void);
+int kesttest_senders_created(void); // successfully, since the process began
 
 typedef struct kesttest_sender_info_t {
-    const char *p_ndi_name;    // as passed at creation
-    const char *p_source_name; // "MACHINE (name)", as finders list it
-    const char *p_groups;      // as passed at creation: NULL when NULL was passed
+    const char *p_ndi_name; // as passed at creation
+    const char *p_groups;   // as passed: NULL when NULL was passed
+    bool created_with_config; // NDIlib_send_create_v2 (Advanced)
+    const char *p_config;     // its p_config_data as passed
     bool clock_video, clock_audio;
-    bool created_with_config;  // NDIlib_send_create_v2 (Advanced)
-    const char *p_config;      // its p_config_data as passed (NULL when none)
-    int no_connections;        // receivers connected now
-    NDIlib_tally_t tally;      // what NDIlib_send_get_tally would report now
-    bool keyframe_required_high, keyframe_required_low; // per stream, see NDIlib_send_is_keyframe_required
+    int no_connections;
+    NDIlib_tally_t tally; // what NDIlib_send_get_tally would report now
     int no_connection_metadata;
-    int64_t video_frames, audio_frames; // accepted frames
-    int64_t dropped_frames;             // frames refused by the runtime's rules
+    int64_t video_frames; // accepted
 } kesttest_sender_info_t;
 bool kesttest_sender_info(NDIlib_send_instance_t sender, kesttest_sender_info_t *out);
+// The text of NDIlib_send_add_connection_metadata call `index`; NULL when out of range.
+const char *kesttest_sender_connection_metadata(NDIlib_send_instance_t sender, int index);
 
-// Connection metadata attached with NDIlib_send_add_connection_metadata, in order; p_data is
-// the runtime's copy, length and timecode as passed.
-bool kesttest_sender_connection_metadata(NDIlib_send_instance_t sender, int index, NDIlib_metadata_frame_t *out);
-
-// Frames the sender was given, recorded in order (see kesttest_set_sent_frame_limit).
-enum kesttest_call_e {
-    KESTTEST_CALL_SEND_VIDEO_V2 = 1,
-    KESTTEST_CALL_SEND_VIDEO_SCATTER = 2,
-    KESTTEST_CALL_SEND_AUDIO_V3 = 3,
-    KESTTEST_CALL_SEND_AUDIO_SCATTER = 4
-};
+// The frames a sender was given, in order (see kesttest_set_sent_frame_limit).
 typedef struct kesttest_sent_frame_t {
-    int call;                      // kesttest_call_e
     NDIlib_frame_type_e type;      // video or audio
-    NDIlib_video_frame_v2_t video; // video calls: the struct as passed, except p_metadata (a copy)
-    NDIlib_audio_frame_v3_t audio; // audio calls: likewise
-    bool accepted;                 // false: refused, see p_drop_reason
-    const char *p_drop_reason;     // NULL when accepted
-    const uint8_t *p_bytes;        // the frame as receivers get it (the blocks concatenated)
+    NDIlib_video_frame_v2_t video; // as passed, without p_metadata
+    NDIlib_audio_frame_v3_t audio;
+    const char *p_drop_reason;      // NULL when the runtime accepted the frame
+    const uint8_t *p_bytes;         // the frame as receivers get it: the blocks concatenated
     int no_bytes;
-    int no_blocks;                 // scatter blocks before the NULL terminator (0: no scatter)
+    int no_blocks;                  // scatter blocks before the NULL terminator
     const uint8_t *const *p_blocks; // the block pointers as passed (the caller's memory)
-    const int *p_block_sizes;
 } kesttest_sent_frame_t;
 int kesttest_sent_frame_count(NDIlib_send_instance_t sender);
-// Valid until kesttest_clear_sent_frames or the sender's destruction.
 bool kesttest_sent_frame(NDIlib_send_instance_t sender, int index, kesttest_sent_frame_t *out);
-void kesttest_clear_sent_frames(NDIlib_send_instance_t sender);
 // Frames kept per sender, the oldest dropped first: -1 keeps all (the default), 0 none.
 void kesttest_set_sent_frame_limit(int frames);
 
@@ -88,40 +62,46 @@ int kesttest_receiver_count(void);
 NDIlib_recv_instance_t kesttest_receiver_at(int index);
 
 typedef struct kesttest_receiver_info_t {
-    const char *p_recv_name;   // as passed (NULL when none)
-    const char *p_source_name; // the source asked for (creation or NDIlib_recv_connect); NULL: none
-    const char *p_url_address; // as passed with it
-    NDIlib_recv_color_format_e color_format;
-    NDIlib_recv_bandwidth_e bandwidth;
-    bool allow_video_fields;
+    const char *p_source_name; // asked for at creation or with NDIlib_recv_connect; NULL: none
     bool created_with_config;  // NDIlib_recv_create_v4 (Advanced)
     const char *p_config;
-    bool connected;            // a live sender of that name exists
-    NDIlib_tally_t tally;      // as last set with NDIlib_recv_set_tally
+    bool connected;            // to a live sender of that name
     int queued_frames;         // waiting for NDIlib_recv_capture_v3
     int outstanding_frames;    // captured and not yet freed
     int bad_frees;             // free calls that matched no captured frame
-    int64_t dropped_frames;    // frames this receiver could not take (format, queue full)
 } kesttest_receiver_info_t;
 bool kesttest_receiver_info(NDIlib_recv_instance_t receiver, kesttest_receiver_info_t *out);
 
-// Scripted frames, queued behind what is already waiting and delivered exactly as given: every
-// field (FourCC, sizes, header contents) is kept, whatever it says, except that p_data points
-// at the runtime's copy of the first `no_bytes` bytes of p_data (a NULL p_data stays NULL; a
-// non-NULL p_data with no_bytes <= 0 gives a valid zero-length buffer) and p_metadata at a copy.
-// No bandwidth or format rule applies to them.
+// Scripted frames, queued behind what is waiting and delivered exactly as given (FourCC,
+// sizes, header contents), except that p_data points at the runtime's copy of its first
+// `no_bytes` bytes (NULL stays NULL) and p_metadata is NULL.
 bool kesttest_receiver_inject_video(NDIlib_recv_instance_t receiver, const NDIlib_video_frame_v2_t *frame, int no_bytes);
 bool kesttest_receiver_inject_audio(NDIlib_recv_instance_t receiver, const NDIlib_audio_frame_v3_t *frame, int no_bytes);
-bool kesttest_receiver_inject_metadata(NDIlib_recv_instance_t receiver, const char *text);
 // A frame without payload: NDIlib_frame_type_error or NDIlib_frame_type_status_change.
 bool kesttest_receiver_inject(NDIlib_recv_instance_t receiver, NDIlib_frame_type_e type);
 
 // --- finders -------------------------------------------------------------------------------
 int kesttest_finder_count(void);
-// Total number of finders ever created (successfully) in the process.
 int kesttest_finders_created(void);
-// Number of NDIlib_find_get_current_sources calls on all finders so far.
-int kesttest_source_queries(void);
+int kesttest_source_queries(void); // NDIlib_find_get_current_sources calls so far
+
+// --- NDI functions tests call directly ---------------------------------------------------
+// Time-outs are ignored: nothing in the runtime waits. The library only polls.
+NDIlib_find_instance_t NDIlib_find_create_v2(const NDIlib_find_create_t *p_create_settings);
+void NDIlib_find_destroy(NDIlib_find_instance_t p_instance);
+const NDIlib_source_t *NDIlib_find_get_current_sources(NDIlib_find_instance_t p_instance, uint32_t *p_no_sources);
+NDIlib_recv_instance_t NDIlib_recv_create_v3(const NDIlib_recv_create_v3_t *p_create_settings);
+void NDIlib_recv_destroy(NDIlib_recv_instance_t p_instance);
+NDIlib_frame_type_e NDIlib_recv_capture_v3(NDIlib_recv_instance_t p_instance, NDIlib_video_frame_v2_t *p_video_data,
+                                           NDIlib_audio_frame_v3_t *p_audio_data, NDIlib_metadata_frame_t *p_metadata,
+                                           uint32_t timeout_in_ms);
+void NDIlib_recv_free_video_v2(NDIlib_recv_instance_t p_instance, const NDIlib_video_frame_v2_t *p_video_data);
+bool NDIlib_recv_set_tally(NDIlib_recv_instance_t p_instance, const NDIlib_tally_t *p_tally);
+void NDIlib_send_destroy(NDIlib_send_instance_t p_instance);
+// Advanced SDK: not in the standard runtime.
+NDIlib_send_instance_t NDIlib_send_create_v2(const NDIlib_send_create_t *p_create_settings, const char *p_config_data);
+void NDIlib_send_send_video_scatter(NDIlib_send_instance_t p_instance, const NDIlib_video_frame_v2_t *p_video_data,
+                                    const NDIlib_frame_scatter_t *p_video_scatter);
 
 #ifdef __cplusplus
 }

@@ -4,9 +4,9 @@
 // link (kest_use_ndi_test_runtime in CMake).
 
 #include "kesttest.h"
-#include "ndiexports.h"
 
 #include <QByteArray>
+#include <QByteArrayList>
 #include <QString>
 #include <QVector>
 #include <QtGlobal>
@@ -117,18 +117,10 @@ inline QVector<SentFrame> sentFrames(NDIlib_send_instance_t sender)
     return frames;
 }
 
-// A receiver of the test runtime, connected to a source by name. Captures never wait.
+// A receiver of the test runtime, connected to a source by name.
 class TestReceiver
 {
 public:
-    struct Frame
-    {
-        NDIlib_frame_type_e type = NDIlib_frame_type_none;
-        NDIlib_video_frame_v2_t video{};
-        NDIlib_audio_frame_v3_t audio{};
-        QByteArray bytes; // the frame's data, or the metadata text
-    };
-
     explicit TestReceiver(const QByteArray &sourceName, NDIlib_recv_bandwidth_e bandwidth = NDIlib_recv_bandwidth_highest)
     {
         NDIlib_recv_create_v3_t settings{};
@@ -147,32 +139,16 @@ public:
         return NDIlib_recv_set_tally(handle, &tally);
     }
 
-    // The next waiting frame, copied and released; type none when nothing waits.
-    Frame capture()
+    // The bytes of every waiting video frame, released; "wrong FourCC" for one not of `fourcc`.
+    QByteArrayList drainVideo(uint32_t fourcc)
     {
-        Frame f;
-        NDIlib_metadata_frame_t metadata{};
-        f.type = NDIlib_recv_capture_v3(handle, &f.video, &f.audio, &metadata, 0);
-        if (f.type == NDIlib_frame_type_video) {
-            f.bytes = QByteArray(reinterpret_cast<const char *>(f.video.p_data), qMax(f.video.data_size_in_bytes, 0));
-            NDIlib_recv_free_video_v2(handle, &f.video);
-        } else if (f.type == NDIlib_frame_type_audio) {
-            f.bytes = QByteArray(reinterpret_cast<const char *>(f.audio.p_data), qMax(f.audio.data_size_in_bytes, 0));
-            NDIlib_recv_free_audio_v3(handle, &f.audio);
-        } else if (f.type == NDIlib_frame_type_metadata) {
-            f.bytes = QByteArray(metadata.p_data);
-            NDIlib_recv_free_metadata(handle, &metadata);
+        QByteArrayList frames;
+        NDIlib_video_frame_v2_t video{};
+        while (NDIlib_recv_capture_v3(handle, &video, nullptr, nullptr, 0) == NDIlib_frame_type_video) {
+            const QByteArray bytes(reinterpret_cast<const char *>(video.p_data), qMax(video.data_size_in_bytes, 0));
+            frames << (video.FourCC == fourcc ? bytes : QByteArray("wrong FourCC"));
+            NDIlib_recv_free_video_v2(handle, &video);
         }
-        return f;
-    }
-
-    // Every waiting frame of one type; the others are dropped.
-    QVector<Frame> drain(NDIlib_frame_type_e type)
-    {
-        QVector<Frame> frames;
-        for (Frame f = capture(); f.type != NDIlib_frame_type_none; f = capture())
-            if (f.type == type)
-                frames.append(f);
         return frames;
     }
 

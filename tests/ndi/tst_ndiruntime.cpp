@@ -1,6 +1,6 @@
 // The NDI test runtime keeps the rules the other NDI tests rely on and cannot see for
-// themselves: source names and list lifetimes, the scatter rules, frame lifetimes, connection
-// loss, and scripted frames delivered exactly as given.
+// themselves: source names and list lifetimes, the scatter rules, frame lifetimes and
+// connection loss.
 
 #include "testruntime.h"
 
@@ -33,30 +33,17 @@ SentFrame sendBlocks(NDIlib_send_instance_t sender, const QByteArrayList &blocks
     return sentFrames(sender).value(kesttest_sent_frame_count(sender) - 1);
 }
 
-QByteArray payloadOf(const NDIlib_video_frame_v2_t &frame)
-{
-    return QByteArray(reinterpret_cast<const char *>(frame.p_data) + NDIlib_compressed_packet_version_0, 3);
-}
-
 } // namespace
 
 class TestNdiRuntime : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void cleanup();
     void sourcesListedByMachineAndName();
     void scatterRules_data();
     void scatterRules();
     void capturedFramesLiveUntilFreed();
-    void injectedFramesDeliveredAsGiven();
 };
-
-void TestNdiRuntime::cleanup()
-{
-    QCOMPARE(kesttest_sender_count(), 0);
-    QCOMPARE(kesttest_receiver_count(), 0);
-}
 
 void TestNdiRuntime::sourcesListedByMachineAndName()
 {
@@ -86,11 +73,9 @@ void TestNdiRuntime::scatterRules_data()
     QTest::addColumn<uint32_t>("fourcc");
     QTest::addColumn<QString>("dropReason"); // empty: accepted
 
-    const QByteArray frame = compressedFrame(kCodecH264, 0, "picture", "SPSPPS");
-    const QByteArray header = frame.left(NDIlib_compressed_packet_version_0);
+    const QByteArray header = compressedFrame(kCodecH264, 0, "picture", "SPSPPS").left(NDIlib_compressed_packet_version_0);
     QByteArray old = header;
     old[0] = 40; // header version
-    QTest::newRow("header, data, extra") << QByteArrayList{header, "picture", "SPSPPS"} << kH264 << QString();
     QTest::newRow("any split after the header") << QByteArrayList{header + "pic", "ture", "SPS", "PPS"} << kH264 << QString();
     QTest::newRow("header split across blocks") << QByteArrayList{header.left(20), header.mid(20) + "picture", "SPSPPS"} << kH264
                                                 << "the compressed packet header is not inside the first block";
@@ -115,12 +100,7 @@ void TestNdiRuntime::scatterRules()
     QCOMPARE(sent.raw.no_blocks, blocks.size());
     QCOMPARE(sent.bytes, blocks.join());
     // A receiver gets one buffer: the blocks joined, with the FourCC as sent.
-    const auto got = receiver.drain(NDIlib_frame_type_video);
-    QCOMPARE(got.size(), dropReason.isEmpty() ? 1 : 0);
-    if (dropReason.isEmpty()) {
-        QCOMPARE(got[0].bytes, blocks.join());
-        QCOMPARE(uint32_t(got[0].video.FourCC), fourcc);
-    }
+    QCOMPARE(receiver.drainVideo(fourcc), dropReason.isEmpty() ? QByteArrayList{blocks.join()} : QByteArrayList{});
 }
 
 void TestNdiRuntime::capturedFramesLiveUntilFreed()
@@ -128,13 +108,12 @@ void TestNdiRuntime::capturedFramesLiveUntilFreed()
     auto source = std::make_unique<TestSource>("cam");
     TestReceiver receiver(source->listed);
     NDIlib_video_frame_v2_t first{}, second{};
-    QCOMPARE(NDIlib_recv_capture_v3(receiver.handle, &first, nullptr, nullptr, 0), NDIlib_frame_type_none);
     for (const char *payload : {"one", "two", "six"})
         sendBlocks(source->handle, {compressedFrame(kCodecH264, 0, payload)});
     QCOMPARE(NDIlib_recv_capture_v3(receiver.handle, &first, nullptr, nullptr, 0), NDIlib_frame_type_video);
     QCOMPARE(NDIlib_recv_capture_v3(receiver.handle, &second, nullptr, nullptr, 0), NDIlib_frame_type_video);
-    QCOMPARE(payloadOf(first), QByteArray("one")); // both stay valid
-    QCOMPARE(payloadOf(second), QByteArray("two"));
+    QCOMPARE(QByteArray(reinterpret_cast<const char *>(first.p_data) + NDIlib_compressed_packet_version_0, 3), "one");
+    QCOMPARE(QByteArray(reinterpret_cast<const char *>(second.p_data) + NDIlib_compressed_packet_version_0, 3), "two");
     QCOMPARE(receiverInfo(receiver.handle).outstanding_frames, 2);
     NDIlib_recv_free_video_v2(receiver.handle, &second);
     NDIlib_recv_free_video_v2(receiver.handle, &first);
@@ -147,64 +126,13 @@ void TestNdiRuntime::capturedFramesLiveUntilFreed()
     QCOMPARE(info.bad_frees, 1);
     QCOMPARE(info.queued_frames, 0);
 
-    // The sender goes away: one error frame. It comes back under the same name: connected
-    // again, and greeted with its connection metadata once, also when asked to connect again.
+    // The sender goes away: one error frame. It comes back under the same name: connected again.
     source.reset();
     QCOMPARE(NDIlib_recv_capture_v3(receiver.handle, &first, &audio, nullptr, 0), NDIlib_frame_type_error);
     QVERIFY(!receiverInfo(receiver.handle).connected);
     TestSource again("cam");
     QVERIFY(receiverInfo(receiver.handle).connected);
-    char text[] = "<caps/>";
-    const NDIlib_metadata_frame_t metadata{0, 0, text};
-    NDIlib_send_add_connection_metadata(again.handle, &metadata);
-    TestReceiver late(again.listed);
-    NDIlib_source_t same{};
-    same.p_ndi_name = again.listed.constData();
-    NDIlib_recv_connect(late.handle, &same);
-    const auto greetings = late.drain(NDIlib_frame_type_metadata);
-    QCOMPARE(greetings.size(), 1);
-    QCOMPARE(greetings[0].bytes, QByteArray(text));
-}
-
-void TestNdiRuntime::injectedFramesDeliveredAsGiven()
-{
-    TestReceiver receiver("nobody");
-    NDIlib_video_frame_v2_t video = ndiVideoFrameDefaults();
-    video.FourCC = NDIlib_FourCC_video_type_e(ndiFourCC('H', 'x', 'y', 'z'));
-    QByteArray bytes = compressedFrame(kCodecH264, 0, "data", {}, 1000); // a header claiming 1000 bytes
-    video.p_data = reinterpret_cast<uint8_t *>(bytes.data());
-    video.data_size_in_bytes = 7; // less than what is copied
-    QVERIFY(kesttest_receiver_inject_video(receiver.handle, &video, bytes.size()));
-    video.p_data = nullptr;
-    video.data_size_in_bytes = 100;
-    QVERIFY(kesttest_receiver_inject_video(receiver.handle, &video, 100));
-    NDIlib_audio_frame_v3_t audio = ndiAudioFrameDefaults();
-    audio.p_data = reinterpret_cast<uint8_t *>(bytes.data());
-    audio.data_size_in_bytes = -5;
-    QVERIFY(kesttest_receiver_inject_audio(receiver.handle, &audio, 0));
-    QVERIFY(kesttest_receiver_inject(receiver.handle, NDIlib_frame_type_status_change));
-    QVERIFY(!kesttest_receiver_inject(receiver.handle, NDIlib_frame_type_video));
-
-    NDIlib_video_frame_v2_t got{};
-    NDIlib_audio_frame_v3_t gotAudio{};
-    QCOMPARE(NDIlib_recv_capture_v3(receiver.handle, &got, &gotAudio, nullptr, 0), NDIlib_frame_type_video);
-    QCOMPARE(uint32_t(got.FourCC), ndiFourCC('H', 'x', 'y', 'z'));
-    QCOMPARE(got.data_size_in_bytes, 7);
-    QVERIFY(got.p_data != reinterpret_cast<uint8_t *>(bytes.data()));
-    QCOMPARE(QByteArray(reinterpret_cast<char *>(got.p_data), bytes.size()), bytes);
-    NDIlib_recv_free_video_v2(receiver.handle, &got);
-    QCOMPARE(NDIlib_recv_capture_v3(receiver.handle, &got, &gotAudio, nullptr, 0), NDIlib_frame_type_video);
-    QVERIFY(!got.p_data);
-    QCOMPARE(got.data_size_in_bytes, 100);
-    NDIlib_recv_free_video_v2(receiver.handle, &got);
-    QCOMPARE(NDIlib_recv_capture_v3(receiver.handle, &got, &gotAudio, nullptr, 0), NDIlib_frame_type_audio);
-    QVERIFY(gotAudio.p_data);
-    QCOMPARE(gotAudio.data_size_in_bytes, -5);
-    NDIlib_recv_free_audio_v3(receiver.handle, &gotAudio);
-    QCOMPARE(NDIlib_recv_capture_v3(receiver.handle, &got, &gotAudio, nullptr, 0), NDIlib_frame_type_status_change);
-    const kesttest_receiver_info_t info = receiverInfo(receiver.handle);
-    QCOMPARE(info.outstanding_frames + info.bad_frees, 0);
-    QVERIFY(!info.connected);
+    QCOMPARE(kesttest_receiver_count(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestNdiRuntime)
