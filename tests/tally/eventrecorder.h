@@ -1,6 +1,7 @@
 #pragma once
 
-// Records the events a node sends to the host, with the time each arrived.
+// Records the events a node sends to the host, with the time each arrived, and what a flash
+// must look like.
 
 #include "kestobject.h"
 
@@ -12,13 +13,6 @@
 class EventRecorder
 {
 public:
-    struct Event
-    {
-        QString type;
-        QVariant value;
-        qint64 atMs;
-    };
-
     explicit EventRecorder(KestObject *node)
     {
         clock.start();
@@ -27,8 +21,6 @@ public:
         });
     }
 
-    qint64 elapsed() const { return clock.elapsed(); }
-    // Values of one event type, in order.
     QVariantList values(const QString &type) const
     {
         QVariantList result;
@@ -44,45 +36,33 @@ public:
             result << value.toString();
         return result;
     }
-    QVector<qint64> colourTimes() const
+
+    // Ten colours, white first, 100 ms apart. A repeating timer may fire up to 5 % early and
+    // catches up after a late tick, so single gaps say little; the schedule as a whole holds.
+    QString flashFault() const
     {
-        QVector<qint64> result;
+        QStringList expected;
+        QVector<qint64> times;
+        for (int i = 1; i <= 10; ++i)
+            expected << (i % 2 ? QStringLiteral("#ffffff") : QStringLiteral("#000000"));
         for (const Event &event : events)
             if (event.type == QLatin1String("TA_color"))
-                result << event.atMs;
-        return result;
+                times << event.atMs;
+        if (colours() != expected)
+            return "colours " + colours().join(' ');
+        for (int i = 1; i < times.size(); ++i)
+            if (times.at(i) - times.at(i - 1) < 30)
+                return QStringLiteral("step %1 came %2 ms after the one before").arg(i).arg(times.at(i) - times.at(i - 1));
+        const qint64 span = times.last() - times.first();
+        return span < 9 * 80 || span > 9 * 400 ? QStringLiteral("ten steps took %1 ms").arg(span) : QString();
     }
-    void clear() { events.clear(); }
 
+    struct Event
+    {
+        QString type;
+        QVariant value;
+        qint64 atMs;
+    };
     QVector<Event> events;
-
-private:
     QElapsedTimer clock;
 };
-
-// Flash steps are 100 ms apart. A repeating timer may fire up to 5 % early and catches up after
-// a late tick, so single gaps say little; the schedule as a whole holds.
-inline bool flashTimingHolds(const QVector<qint64> &times, QString *why)
-{
-    for (int i = 1; i < times.size(); ++i) {
-        if (times.at(i) - times.at(i - 1) < 30) {
-            *why = QStringLiteral("step %1 came %2 ms after the one before").arg(i).arg(times.at(i) - times.at(i - 1));
-            return false;
-        }
-    }
-    const qint64 span = times.isEmpty() ? 0 : times.last() - times.first();
-    if (span < (times.size() - 1) * 80 || span > (times.size() - 1) * 400) {
-        *why = QStringLiteral("%1 steps took %2 ms").arg(times.size()).arg(span);
-        return false;
-    }
-    return true;
-}
-
-// The ten colours of a flash, white first.
-inline QStringList flashColours()
-{
-    QStringList colours;
-    for (int i = 1; i <= 10; ++i)
-        colours << (i % 2 ? QStringLiteral("#ffffff") : QStringLiteral("#000000"));
-    return colours;
-}

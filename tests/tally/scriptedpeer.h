@@ -1,10 +1,8 @@
 #pragma once
 
-// A vMix stand-in driven line by line by the test: listens on 127.0.0.1, keeps every accepted
-// connection with what it received, and writes whatever the test hands it.
+// A vMix stand-in driven by the test: listens on 127.0.0.1, keeps every accepted connection
+// with what it received, and writes whatever the test hands it to the newest one.
 
-#include <QByteArray>
-#include <QList>
 #include <QPointer>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -32,49 +30,27 @@ public:
         });
     }
 
-    ~ScriptedPeer() override
-    {
-        server.close();
-        for (Connection &c : connections) {
-            if (c.socket) {
-                c.socket->disconnect(this);
-                delete c.socket;
-            }
-        }
-    }
-
     bool listen(quint16 port = 0) { return server.listen(QHostAddress::LocalHost, port); }
     quint16 port() const { return server.serverPort(); }
 
-    // Stops listening and drops every connection, as a switcher that shuts down.
-    void stop()
+    // Drops every connection; with `shutDown` also stops listening, as a switcher that quits.
+    void closeConnections(bool shutDown = false)
     {
-        server.close();
-        closeConnections();
-    }
-
-    void closeConnections()
-    {
+        if (shutDown)
+            server.close();
         for (Connection &c : connections)
-            if (c.socket && c.socket->state() == QAbstractSocket::ConnectedState)
+            if (c.socket)
                 c.socket->disconnectFromHost();
     }
 
-    // True when a connection arrived within `ms` (it is then in the list).
-    bool waitForNewConnection(int ms) { return server.isListening() && server.waitForNewConnection(ms); }
-
-    int count() const { return connections.size(); }
-    const Connection &at(int i) const { return connections.at(i); }
-    const Connection &last() const { return connections.last(); }
-
-    // Writes to the newest connection.
     void send(const QByteArray &bytes)
     {
         connections.last().socket->write(bytes);
         connections.last().socket->flush();
     }
 
+    QList<Connection> connections;
+
 private:
     QTcpServer server;
-    QList<Connection> connections;
 };
