@@ -228,13 +228,7 @@ void registerBenchmarks()
 
 int main(int argc, char **argv)
 {
-    // Connection log lines are of no interest here.
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &message) {
-        if (type != QtDebugMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(message));
-    });
-    useNdiTestRuntime();
-    kesttest_set_sent_frame_limit(0);
+    useQuietNdiTestRuntime();
     QCoreApplication app(argc, argv);
     registerBenchmarks();
     benchmark::Initialize(&argc, argv);

@@ -129,13 +129,7 @@ BENCHMARK(BM_CopyPayload)->Arg(1024)->Arg(200 * 1024);
 
 int main(int argc, char **argv)
 {
-    // The benchmark creates many senders; their "NDI create" lines are of no interest here.
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &message) {
-        if (type != QtDebugMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(message));
-    });
-    useNdiTestRuntime();
-    kesttest_set_sent_frame_limit(0);
+    useQuietNdiTestRuntime();
     QCoreApplication app(argc, argv);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

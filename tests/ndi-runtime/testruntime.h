@@ -7,10 +7,13 @@
 
 #include <QByteArray>
 #include <QByteArrayList>
+#include <QDir>
+#include <QFile>
 #include <QString>
 #include <QVector>
 #include <QtGlobal>
 
+#include <cstdio>
 #include <cstring>
 
 // Points the library's loader at the linked test runtime unless NDI_RUNTIME_DIR_V5 is set
@@ -19,6 +22,26 @@ inline void useNdiTestRuntime()
 {
     if (qEnvironmentVariableIsEmpty("NDI_RUNTIME_DIR_V5"))
         qputenv("NDI_RUNTIME_DIR_V5", KEST_NDI_RUNTIME_DIR);
+}
+
+// For benchmarks: the test runtime, keeping no sent frames, and no per-connection log lines.
+inline void useQuietNdiTestRuntime()
+{
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &message) {
+        if (type != QtDebugMsg)
+            std::fprintf(stderr, "%s\n", qPrintable(message));
+    });
+    useNdiTestRuntime();
+    kesttest_set_sent_frame_limit(0);
+}
+
+// The path of an NDI configuration file in `dir` holding `content`; "-" leaves the file missing.
+inline QString ndiConfigFile(const QDir &dir, const QByteArray &content)
+{
+    QFile file(dir.filePath(QStringLiteral("ndi.json")));
+    if (content != "-" && (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()))
+        return {};
+    return file.fileName();
 }
 
 // "MACHINE (name)", the way finders list a sender of that name.
@@ -87,7 +110,27 @@ public:
     QString name() const { return QString::fromUtf8(listed); }
 
     NDIlib_send_instance_t handle = nullptr;
-    QByteArray listed; // "MACHINE (name)"
+    QByteArray listed; // For benchmarks: the test runtime, keeping no sent frames, and no per-connection log lines.
+inline void useQuietNdiTestRuntime()
+{
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &message) {
+        if (type != QtDebugMsg)
+            std::fprintf(stderr, "%s\n", qPrintable(message));
+    });
+    useNdiTestRuntime();
+    kesttest_set_sent_frame_limit(0);
+}
+
+// The path of an NDI configuration file in `dir` holding `content`; "-" leaves the file missing.
+inline QString ndiConfigFile(const QDir &dir, const QByteArray &content)
+{
+    QFile file(dir.filePath(QStringLiteral("ndi.json")));
+    if (content != "-" && (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()))
+        return {};
+    return file.fileName();
+}
+
+// "MACHINE (name)"
 };
 
 // A frame a sender was given, copied out of the runtime.

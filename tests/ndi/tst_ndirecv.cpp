@@ -369,15 +369,11 @@ void TestNdiRecv::configFile()
     QFETCH(QByteArray, content);
     QFETCH(QByteArray, passed);
     QTemporaryDir dir;
-    QFile file(dir.filePath("ndi.json"));
-    if (content != "-") {
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(content);
-        file.close();
-    }
+    const QString config = ndiConfigFile(dir.path(), content);
+    QVERIFY(!config.isEmpty());
     TestSource source("configured");
     Receiver node = startedReceiver();
-    node->setData({{"config", file.fileName()}});
+    node->setData({{"config", config}});
     QVERIFY(connectTo(*node, source));
     const kesttest_receiver_info_t info = receiverInfo(newestReceiver());
     QVERIFY(info.created_with_config);

@@ -146,15 +146,11 @@ void TestNdiSend::createSettings()
     QFETCH(QByteArray, expectedGroups);
     QFETCH(QByteArray, expectedConfig);
     QTemporaryDir dir;
-    QFile file(dir.filePath("ndi.json"));
-    if (configFile != "-") {
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(configFile);
-        file.close();
-    }
+    const QString config = ndiConfigFile(dir.path(), configFile);
+    QVERIFY(!config.isEmpty());
     KestNDISend node;
     node.setName("ndi");
-    node.data["config"] = file.fileName();
+    node.data["config"] = config;
     node.setData(settings);
     const kesttest_sender_info_t info = senderInfo(newestSender());
     QCOMPARE(QByteArray(info.p_ndi_name), expectedName);
