@@ -1,6 +1,6 @@
 #pragma once
 
-// The NDI test runtime (tests/ndi-runtime, built as libndi.so.5): its test-only control
+// The NDI test runtime (ndi-runtime/, built as libndi.so.5): its test-only control
 // interface, and the NDI functions tests and benchmarks call directly. The library under test
 // reaches the same runtime through NDI_RUNTIME_DIR_V5 and its loader.
 //
