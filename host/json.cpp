@@ -16,7 +16,7 @@ QVariant Json::decode(const QString &text)
     return doc.array().first().toVariant();
 }
 
-QString Json::encode(const QVariant &value, bool indented)
+QString Json::encode(QVariant value, bool indented)
 {
     const QJsonDocument::JsonFormat format = indented ? QJsonDocument::Indented : QJsonDocument::Compact;
     const QJsonValue json = QJsonValue::fromVariant(value);
@@ -29,7 +29,7 @@ QString Json::encode(const QVariant &value, bool indented)
     return QString::fromUtf8(text.mid(1, text.size() - 2));
 }
 
-QVariant Json::loadFile(const QString &path)
+QVariant Json::loadFile(QString path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))

@@ -11,13 +11,14 @@ public:
     // and is the one that stamps Packet::pts. `flag` is accepted for the appliance's signature
     // and ignored.
     static void getPTS(void *out, bool flag);
-    static qint64 now(); // the same clock as a value
 
     // Unit serial number.
     static QString sn;
 
-    // Host side, for tests: shifts the clock forward (or back) by `us` microseconds so that
-    // time-outs can be exercised without waiting for them.
+    // Host side only (kest-run and tests; nodes read the clock through getPTS): the same clock
+    // as a value, and a shift of it by `us` microseconds so that time-outs can be exercised
+    // without waiting for them.
+    static qint64 now();
     static void setClockOffset(qint64 us);
     static qint64 clockOffset();
 };

@@ -6,10 +6,13 @@
 #include <QVector>
 #include <QWriteLocker>
 
+#include <QVarLengthArray>
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <new>
 
 namespace {
 
@@ -28,6 +31,11 @@ int settingOr(const QVariantMap &data, const char *key, int fallback)
     const int value = it->toInt(&ok);
     return ok && value > 0 ? value : fallback;
 }
+
+// The nodes this thread is delivering to, innermost last. Links that lead back to a node
+// still handling a delivery (a cycle in the graph, or a node that answers an event with the
+// same event) would recurse without end; such a delivery is dropped instead.
+thread_local QVarLengthArray<const KestObject *, 16> delivering;
 
 } // namespace
 
@@ -51,6 +59,7 @@ public:
 
     mutable QReadWriteLock linksLock;
     QVector<Link> links;
+    std::atomic<bool> loopReported{false};
 
     std::mutex poolMutex;
     std::unique_ptr<char[]> pool;
@@ -59,12 +68,22 @@ public:
     int poolOffset = 0;
 
     template <typename F>
-    void forEachLink(KestObject::Media media, F &&f) const
+    void forEachLink(const KestObject *from, KestObject::Media media, F &&f) const
     {
         QReadLocker locker(&linksLock);
-        for (const Link &l : links)
-            if (l.media & media)
-                f(l.to);
+        for (const Link &l : links) {
+            if (!(l.media & media))
+                continue;
+            if (std::find(delivering.cbegin(), delivering.cend(), l.to) != delivering.cend()) {
+                if (!l.to->d->loopReported.exchange(true))
+                    qWarning("[%s] a delivery from [%s] leads back to it while it is still handling one; dropped",
+                             qUtf8Printable(l.to->name()), qUtf8Printable(from->name()));
+                continue;
+            }
+            delivering.append(l.to);
+            f(l.to);
+            delivering.removeLast();
+        }
     }
 };
 
@@ -158,40 +177,40 @@ void KestObject::unlink(KestObject *to)
         to->onUnLinkV(outInfoV);
 }
 
-void KestObject::sendEvent(const QString &type, const QVariant &info)
+void KestObject::sendEvent(QString type, QVariant info)
 {
     Q_EMIT eventSent(type, info);
-    d->forEachLink(Both, [&](KestObject *to) { to->onNewEvent(type, info); });
+    d->forEachLink(this, Both, [&](KestObject *to) { to->onNewEvent(type, info); });
 }
 
-void KestObject::sendInfoA(const StreamInfo &info)
+void KestObject::sendInfoA(StreamInfo info)
 {
     outInfoA = info;
-    d->forEachLink(Audio, [&](KestObject *to) { to->onNewInfoA(info); });
+    d->forEachLink(this, Audio, [&](KestObject *to) { to->onNewInfoA(info); });
 }
 
-void KestObject::sendInfoV(const StreamInfo &info)
+void KestObject::sendInfoV(StreamInfo info)
 {
     outInfoV = info;
-    d->forEachLink(Video, [&](KestObject *to) { to->onNewInfoV(info); });
+    d->forEachLink(this, Video, [&](KestObject *to) { to->onNewInfoV(info); });
 }
 
-void KestObject::sendPacketA(const Packet &pkt)
+void KestObject::sendPacketA(Packet pkt)
 {
-    d->forEachLink(Audio, [&](KestObject *to) { to->onNewPacketA(pkt); });
+    d->forEachLink(this, Audio, [&](KestObject *to) { to->onNewPacketA(pkt); });
 }
 
-void KestObject::sendPacketV(const Packet &pkt)
+void KestObject::sendPacketV(Packet pkt)
 {
-    d->forEachLink(Video, [&](KestObject *to) { to->onNewPacketV(pkt); });
+    d->forEachLink(this, Video, [&](KestObject *to) { to->onNewPacketV(pkt); });
 }
 
-int KestObject::bufferPacketA(const Packet &pkt)
+int KestObject::bufferPacketA(Packet pkt)
 {
     return bufferPacket(lockA, packetsA, pkt, true);
 }
 
-int KestObject::bufferPacketV(const Packet &pkt)
+int KestObject::bufferPacketV(Packet pkt)
 {
     return bufferPacket(lockV, packetsV, pkt, false);
 }
@@ -213,7 +232,7 @@ int KestObject::bufferPacket(QReadWriteLock &lock, QList<Packet> &queue, const P
     return wasEmpty ? 1 : 0;
 }
 
-char *KestObject::bufferData(const char *src, int len, int headroom)
+char *KestObject::bufferData(char *src, int len, int headroom)
 {
     if (len < 0 || headroom < 0)
         return nullptr;
@@ -224,7 +243,10 @@ char *KestObject::bufferData(const char *src, int len, int headroom)
             size = settingOr(data, "memSize", kDefaultMemSize);
             d->memSize = size;
         }
-        d->pool.reset(new char[size_t(size) + kBlockAlign]);
+        // Failures never reach the node as an exception: no pool, no block.
+        d->pool.reset(new (std::nothrow) char[size_t(size) + kBlockAlign]);
+        if (!d->pool)
+            return nullptr;
         const auto raw = reinterpret_cast<quintptr>(d->pool.get());
         d->poolBase = d->pool.get() + (kBlockAlign - raw % kBlockAlign) % kBlockAlign;
         d->poolSize = size;

@@ -14,13 +14,22 @@ class KestObjectPrivate;
 
 // Base of every node of the media graph.
 //
+// The appliance loads the plug-in against its own host library, which exports exactly the
+// services declared under "Host contract" below, in exactly these signatures: a parameter
+// taken by const reference instead of by value is another symbol, and the appliance would
+// refuse the plug-in. Nodes call nothing else of this class; the members under "Host side"
+// exist only in this substitute, for kest-run and the tests (tests/host checks both rules).
+//
 // Packet memory (bufferData): each node owns one pool of "memSize" bytes (default
-// kDefaultMemSize), allocated on first use and kept for the node's life. Blocks are handed out
-// round the pool in order, so a block stays valid until the node has handed out another
-// "memSize" bytes after it. That covers a packet travelling downstream (delivery is synchronous)
-// and a packet held in a queue, as long as a node keeps queued less than its pool size.
-// Every block has at least kBlockReserve writable bytes in front of it besides the requested
-// headroom (audio nodes write a 3-byte header there).
+// kDefaultMemSize), allocated on first use and kept for the node's life; when it cannot be
+// allocated, bufferData returns null. Blocks are taken round the pool in order, each with its
+// headroom and kBlockReserve bytes in front, rounded up to 16 bytes; a block that does not fit
+// before the end of the pool starts again at its beginning. Count every block as its length
+// plus its headroom plus 32 bytes: a block stays valid as long as the blocks taken after it
+// add up to no more than memSize - 2 x the largest count among them and itself. With blocks of
+// one size that is all but two blocks of a pool's worth; with blocks of up to a quarter of the
+// pool, at least half of it. Delivery downstream is synchronous, so a packet is safe on its
+// way; a node that keeps packets queued sizes its pool by this rule.
 //
 // Packet queues (bufferPacketA/V): "bufLenA" / "bufLenV" bound each queue (default
 // kDefaultQueueLength packets); past the bound the oldest packet is dropped. The queue's lock
@@ -38,21 +47,21 @@ public:
     Q_INVOKABLE explicit KestObject(QObject *parent = nullptr);
     ~KestObject() override;
 
-    // Services used by the nodes.
+    // Host contract: the services nodes may call.
     void start();
+    QString name() const;
+    void sendEvent(QString type, QVariant info);
+    void sendInfoA(StreamInfo info);
+    void sendInfoV(StreamInfo info);
+    void sendPacketA(Packet pkt);
+    void sendPacketV(Packet pkt);
+    int bufferPacketA(Packet pkt);
+    int bufferPacketV(Packet pkt);
+    char *bufferData(char *src, int len, int headroom);
+
+    // Host side: naming, settings, the started flag and the links of the graph.
     void stop();
     bool isStarted() const;
-    QString name() const;
-    void sendEvent(const QString &type, const QVariant &info);
-    void sendInfoA(const StreamInfo &info);
-    void sendInfoV(const StreamInfo &info);
-    void sendPacketA(const Packet &pkt);
-    void sendPacketV(const Packet &pkt);
-    int bufferPacketA(const Packet &pkt);
-    int bufferPacketV(const Packet &pkt);
-    char *bufferData(const char *src, int len, int headroom);
-
-    // Host side: naming, settings and the links of the graph.
     void setName(const QString &name);
     void setData(const QVariantMap &settings); // merge into data, then onSetData(settings)
     void link(KestObject *to, Media media);
@@ -93,6 +102,7 @@ public:
     int typeId = 0;
 
 private:
+    friend class KestObjectPrivate;
     int bufferPacket(QReadWriteLock &lock, QList<Packet> &queue, const Packet &pkt, bool audio);
     void refreshHostSettings();
 

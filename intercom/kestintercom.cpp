@@ -2,7 +2,7 @@
 
 #include "intercom/pcm.h"
 #include "json.h"
-#include "kesthi.h"
+#include "hostclock.h"
 #include "nodelog.h"
 #include "packetqueue.h"
 #include "registration.h"
@@ -140,6 +140,7 @@ void KestIntercom::onSetData(QVariantMap)
 
 void KestIntercom::onStart()
 {
+    started = true;
     keepAliveTimer->start(Intercom::kAliveIntervalMs);
     // Bound once and kept, so that a restart keeps the port the relay knows.
     if (socket->state() == QAbstractSocket::UnconnectedState) {
@@ -152,12 +153,13 @@ void KestIntercom::onStart()
 
 void KestIntercom::onStop()
 {
+    started = false;
     keepAliveTimer->stop();
 }
 
 void KestIntercom::onTimerKeepAlive()
 {
-    const qint64 now = KestHi::now();
+    const qint64 now = hostClockUs();
     writeToRelay(alive.data(), aliveLength);
 
     // Entries heard only through audio or commands have no alive time and stay.
@@ -197,7 +199,7 @@ void KestIntercom::onRead()
 
 void KestIntercom::handleDatagram(char *datagram, int size)
 {
-    if (!isStarted())
+    if (!started)
         return;
     const Intercom::Header header = Intercom::readHeader(datagram, size);
     if (header.source == audioHeader.source)
@@ -219,7 +221,7 @@ void KestIntercom::handleDatagram(char *datagram, int size)
         return;
     }
     case Intercom::Alive:
-        channel.lastAlive = KestHi::now();
+        channel.lastAlive = hostClockUs();
         channel.name = QString::fromUtf8(body.data, body.size);
         return;
     case Intercom::Command: {
@@ -261,7 +263,7 @@ void KestIntercom::onNewCmd(QString func, QVariant data)
 
 void KestIntercom::onNewEvent(QString type, QVariant info)
 {
-    if (!isStarted() || type != kTally)
+    if (!started || type != kTally)
         return;
     // -1 is destination 255: every other station.
     sendCmd(QVariantMap{{kTid, -1}, {kFunc, kTally}, {kData, info}});
@@ -303,7 +305,7 @@ void KestIntercom::onNewInfoA(StreamInfo info)
 
 void KestIntercom::onNewPacketA(Packet pkt)
 {
-    if (!isStarted())
+    if (!started)
         return;
     if (threshold == 0)
         send(pkt);

@@ -97,6 +97,10 @@ private:
     std::array<char, Intercom::kAliveBufferSize> alive{};
     int aliveLength = 0;
 
+    // The host has no way to read its started flag back, so the station keeps its own:
+    // datagrams, events and microphone packets are ignored while it is stopped.
+    bool started = false;
+
     std::map<int, Channel> roster;
     int threshold = 0;
 

@@ -1,7 +1,7 @@
 #include "kestintercomserver.h"
 
 #include "datagram.h"
-#include "kesthi.h"
+#include "hostclock.h"
 #include "registration.h"
 
 #include <QTimer>
@@ -134,7 +134,7 @@ void KestIntercomServer::onRead()
                 received = kReceiveSlots; // interrupted: try again
                 continue;
             }
-            const qint64 now = KestHi::now();
+            const qint64 now = hostClockUs();
             for (int i = 0; i < received; ++i)
                 receive(b.slot(i), int(b.rx[i].msg_len), reinterpret_cast<sockaddr *>(&b.rxFrom[i]),
                         b.rx[i].msg_hdr.msg_namelen, now);
@@ -150,7 +150,7 @@ void KestIntercomServer::onRead()
             break;
         sockaddr_storage from;
         const socklen_t fromLength = toSockaddr(address, port, b.family, &from);
-        receive(b.slot(0), int(size), reinterpret_cast<sockaddr *>(&from), fromLength, KestHi::now());
+        receive(b.slot(0), int(size), reinterpret_cast<sockaddr *>(&from), fromLength, hostClockUs());
         flush();
     }
 }
@@ -215,7 +215,7 @@ void KestIntercomServer::flush()
 
 void KestIntercomServer::onTimerAlive()
 {
-    const qint64 now = KestHi::now();
+    const qint64 now = hostClockUs();
     const std::vector<quint8> snapshot = order;
     for (quint8 station : snapshot) {
         const qint64 lastSeen = table[station].lastSeen;

@@ -327,7 +327,7 @@ void KestNDIRecv::timerEvent(QTimerEvent *)
 Packet KestNDIRecv::packetOf(const char *data, int size, int headroom, qint64 pts, int frameType)
 {
     Packet pkt;
-    pkt.data = bufferData(data, size, headroom);
+    pkt.data = bufferData(const_cast<char *>(data), size, headroom); // only read from
     if (!pkt.data && !poolTooSmallLogged) {
         nodeLog(this) << QStringLiteral("a frame of %1 bytes does not fit \"memSize\"; such frames are dropped").arg(size);
         poolTooSmallLogged = true;

@@ -1,7 +1,6 @@
 #include "ndi/kestndisend.h"
 
 #include "json.h"
-#include "kestencodev.h"
 #include "kesthi.h"
 #include "ndi/ndiruntime.h"
 #include "nodelog.h"
@@ -161,7 +160,9 @@ void KestNDISend::onNewInfoV(StreamInfo info)
     VideoStream &stream = isMain ? mainStream : subStream;
 
     stream.encoder = info.source;
-    stream.encoderToAsk = qobject_cast<KestEncodeV *>(info.source);
+    // Only encoders take key-frame requests. Their class is the host's, so it is recognised by
+    // name and asked by name: that needs nothing of the host but the meta-object.
+    stream.encoderToAsk = info.source && info.source->inherits("KestEncodeV") ? info.source : nullptr;
     if (info.codec == KestCodec::H264) {
         stream.frame.FourCC = isMain ? NDIlib_FourCC_video_type_ex_H264_highest_bandwidth
                                      : NDIlib_FourCC_video_type_ex_H264_lowest_bandwidth;
@@ -197,7 +198,7 @@ void KestNDISend::requestKeyFrame(VideoStream &stream, const Packet &pkt, const 
     if (!ndi->send_is_keyframe_required || !ndi->send_is_keyframe_required(sender, &stream.frame) || pkt.frameType == 0)
         return;
     if (stream.encoderToAsk)
-        stream.encoderToAsk->idr();
+        QMetaObject::invokeMethod(stream.encoderToAsk, "idr", Qt::DirectConnection);
     nodeLog(this) << logText;
 }
 

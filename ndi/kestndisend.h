@@ -8,7 +8,6 @@
 
 #include <atomic>
 
-class KestEncodeV;
 class QTimer;
 struct NdiFunctions;
 
@@ -60,7 +59,7 @@ private:
         const uint8_t *blocks[kBlocks] = {};
         int sizes[kBlocks] = {};
         QObject *encoder = nullptr;           // the stream's packets carry it as `source`
-        QPointer<KestEncodeV> encoderToAsk;   // the same, for key-frame requests
+        QPointer<QObject> encoderToAsk;       // the same when it is an encoder, for key-frame requests
     };
 
     void describe(VideoStream &stream, const StreamInfo &info);

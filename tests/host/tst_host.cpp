@@ -1,17 +1,25 @@
-// The host substitute as the plug-in sees it: packet queues and memory, delivery along links,
-// settings and start/stop, meta-types, and registration of the plug-in's classes by name.
+// The host substitute as the plug-in sees it: the declared layout of KestObject, packet queues
+// and memory, delivery along links, settings and start/stop, meta-types, log lines, and
+// registration of the plug-in's classes by name.
 
 #include "catalogue.h"
 #include "packetqueue.h"
 #include "recorder.h"
 #include "registration.h"
 
+#include <QFile>
 #include <QLibrary>
+#include <QMetaMethod>
 #include <QSignalSpy>
 #include <QTest>
 
 #include <cstring>
 #include <memory>
+#include <new>
+#include <random>
+
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -41,6 +49,39 @@ public:
     Q_INVOKABLE explicit ClashNode(QObject *parent = nullptr) : KestObject(parent) {}
 };
 
+// The vtable slot a pointer to a virtual member function stands for (Itanium C++ ABI; ARM
+// marks virtual in the adjustment instead of the pointer), -1 for a non-virtual one.
+template <typename Member>
+int vtableSlot(Member member)
+{
+    struct Representation
+    {
+        ptrdiff_t ptr;
+        ptrdiff_t adj;
+    } r;
+    static_assert(sizeof(member) == sizeof(r), "Itanium member function pointers");
+    std::memcpy(&r, &member, sizeof(r));
+#if defined(__arm__) || defined(__aarch64__)
+    return r.adj & 1 ? int(r.ptr / ptrdiff_t(sizeof(void *))) : -1;
+#else
+    return r.ptr & 1 ? int((r.ptr - 1) / ptrdiff_t(sizeof(void *))) : -1;
+#endif
+}
+
+struct FirstVirtualAfterQObject : QObject
+{
+    virtual void first() {}
+};
+
+// Virtual memory in use now, in bytes.
+qint64 virtualMemory()
+{
+    QFile statm(QStringLiteral("/proc/self/statm"));
+    if (!statm.open(QIODevice::ReadOnly))
+        return -1;
+    return statm.readAll().split(' ').value(0).toLongLong() * sysconf(_SC_PAGESIZE);
+}
+
 } // namespace
 
 class TestHost : public QObject
@@ -48,14 +89,18 @@ class TestHost : public QObject
     Q_OBJECT
 private Q_SLOTS:
     void initTestCase();
+    void layoutIsTheDeclaredOne();
     void packetQueues_data();
     void packetQueues();
     void bufferData_data();
     void bufferData();
-    void bufferDataReusesThePoolOnlyWhenFull();
+    void poolKeepsBlocksByItsRule();
+    void poolThatCannotBeAllocated();
     void deliveryFollowsLinks();
+    void deliveryNeverReentersANode();
     void settingsStartAndStop();
     void metaTypesPassByName();
+    void nodeLogLines();
     void everyClassIsCreatedByNameBothWays();
     void takenNameDoesNotAbort();
 };
@@ -65,6 +110,56 @@ void TestHost::initTestCase()
     // The classes register themselves while the plug-in loads, as on the appliance.
     QLibrary library(QStringLiteral(KEST_LIBRARY_PATH));
     QVERIFY2(library.load(), qPrintable(library.errorString()));
+}
+
+void TestHost::layoutIsTheDeclaredOne()
+{
+    // Data members in the declared order, nothing in between, right after QObject's own.
+    KestObject o;
+    const auto at = [&o](const auto &member) {
+        return ptrdiff_t(reinterpret_cast<const char *>(&member) - reinterpret_cast<const char *>(&o));
+    };
+    struct Member
+    {
+        const char *name;
+        ptrdiff_t offset, size, align;
+    };
+#define KEST_MEMBER(m) Member{#m, at(o.m), ptrdiff_t(sizeof(o.m)), ptrdiff_t(alignof(decltype(o.m)))}
+    const Member members[] = {KEST_MEMBER(data),     KEST_MEMBER(status),   KEST_MEMBER(props),
+                              KEST_MEMBER(infoA),    KEST_MEMBER(infoV),    KEST_MEMBER(outInfoA),
+                              KEST_MEMBER(outInfoV), KEST_MEMBER(shareInfo), KEST_MEMBER(links),
+                              KEST_MEMBER(lockA),    KEST_MEMBER(packetsA), KEST_MEMBER(lockV),
+                              KEST_MEMBER(packetsV), KEST_MEMBER(shares),   KEST_MEMBER(typeName),
+                              KEST_MEMBER(typeId)};
+#undef KEST_MEMBER
+    ptrdiff_t expected = sizeof(QObject);
+    for (const Member &m : members) {
+        expected = (expected + m.align - 1) / m.align * m.align;
+        QVERIFY2(m.offset == expected, m.name);
+        expected += m.size;
+    }
+
+    // Virtual operations in the declared order, right after QObject's.
+    const int first = vtableSlot(&FirstVirtualAfterQObject::first);
+    QVERIFY(first > 0);
+    const int order[] = {vtableSlot(&KestObject::onNewPacketA), vtableSlot(&KestObject::onNewPacketV),
+                         vtableSlot(&KestObject::onUnLinkA),    vtableSlot(&KestObject::onUnLinkV),
+                         vtableSlot(&KestObject::onNewEvent),   vtableSlot(&KestObject::onNewInfoA),
+                         vtableSlot(&KestObject::onNewInfoV),   vtableSlot(&KestObject::onSetData),
+                         vtableSlot(&KestObject::onStart),      vtableSlot(&KestObject::onStop)};
+    for (int i = 0; i < 10; ++i)
+        QCOMPARE(order[i], first + i);
+
+    // The same order among the meta-object's slots, which the host invokes by name.
+    QStringList slotNames;
+    const QMetaObject &mo = KestObject::staticMetaObject;
+    for (int i = mo.methodOffset(); i < mo.methodCount(); ++i)
+        if (mo.method(i).methodType() == QMetaMethod::Slot)
+            slotNames << QString::fromLatin1(mo.method(i).methodSignature());
+    QCOMPARE(slotNames.join(' '), QStringLiteral("onNewPacketA(Packet) onNewPacketV(Packet) onUnLinkA(StreamInfo) "
+                                                 "onUnLinkV(StreamInfo) onNewEvent(QString,QVariant) "
+                                                 "onNewInfoA(StreamInfo) onNewInfoV(StreamInfo) "
+                                                 "onSetData(QVariantMap) onStart() onStop()"));
 }
 
 void TestHost::packetQueues_data()
@@ -128,9 +223,9 @@ void TestHost::bufferData()
     QFETCH(bool, valid);
     KestObject node;
     node.setData({{QStringLiteral("memSize"), 4096}});
-    const QByteArray first("neighbour"), payload(qMax(len, 0), 'p');
-    char *before = node.bufferData(first.constData(), first.size(), 0);
-    char *block = node.bufferData(valid ? payload.constData() : nullptr, len, headroom);
+    QByteArray first("neighbour"), payload(qMax(len, 0), 'p');
+    char *before = node.bufferData(first.data(), first.size(), 0);
+    char *block = node.bufferData(valid ? payload.data() : nullptr, len, headroom);
     QCOMPARE(block != nullptr, valid);
     if (!block)
         return;
@@ -143,20 +238,70 @@ void TestHost::bufferData()
         QCOMPARE(QByteArray(before, first.size()), first);
 }
 
-void TestHost::bufferDataReusesThePoolOnlyWhenFull()
+void TestHost::poolKeepsBlocksByItsRule()
 {
+    // Blocks of unequal sizes and headrooms; each block must keep its bytes for as long as the
+    // rule in kestobject.h promises: while the blocks taken after it, each counted as length +
+    // headroom + 32, add up to no more than memSize - 2 x the largest count among them and it.
+    constexpr int kPool = 64 * 1024;
     KestObject node;
-    node.setData({{QStringLiteral("memSize"), 4096}});
-    // 64-byte payloads need 80 bytes each with the reserve: 51 fit before the pool wraps.
-    QVector<char *> blocks;
-    for (int i = 0; i < 51; ++i) {
-        const QByteArray fill(64, char(i));
-        blocks << node.bufferData(fill.constData(), fill.size(), 0);
-        QVERIFY(blocks.last());
+    node.setData({{QStringLiteral("memSize"), kPool}});
+    struct Live
+    {
+        char *block;
+        QByteArray bytes;
+        qint64 takenAfter, largest;
+    };
+    QVector<Live> live;
+    std::mt19937 random(12345);
+    int wraps = 0;
+    char *previous = nullptr;
+    for (int i = 0; i < 4000; ++i) {
+        const int len = int(random() % 9000) + (i % 7 == 0 ? 0 : 1);
+        const int headroom = int(random() % 3) * 10;
+        QByteArray bytes(len, char('a' + i % 26));
+        char *block = node.bufferData(bytes.data(), len, headroom);
+        QVERIFY(block);
+        wraps += previous && block < previous ? 1 : 0;
+        previous = block;
+        const qint64 count = len + headroom + 32;
+        for (Live &l : live) {
+            l.takenAfter += count;
+            l.largest = qMax(l.largest, count);
+        }
+        live.erase(std::remove_if(live.begin(), live.end(),
+                                  [](const Live &l) { return l.takenAfter > kPool - 2 * l.largest; }),
+                   live.end());
+        for (const Live &l : qAsConst(live))
+            QVERIFY2(QByteArray(l.block, l.bytes.size()) == l.bytes, qPrintable(QString::number(i)));
+        live.append({block, bytes, 0, count});
     }
-    for (int i = 0; i < blocks.size(); ++i)
-        QCOMPARE(QByteArray(blocks[i], 64), QByteArray(64, char(i)));
-    QCOMPARE(node.bufferData(nullptr, 64, 0), blocks.first());
+    QVERIFY(wraps > 100);
+}
+
+void TestHost::poolThatCannotBeAllocated()
+{
+    // The pool is taken on first use; when the address space cannot hold it, the node gets
+    // null, never an exception.
+    const qint64 inUse = virtualMemory();
+    QVERIFY(inUse > 0);
+    rlimit saved{};
+    QCOMPARE(getrlimit(RLIMIT_AS, &saved), 0);
+    rlimit tight = saved;
+    tight.rlim_cur = rlim_t(inUse + 256 * 1024 * 1024);
+    if (saved.rlim_cur != RLIM_INFINITY && saved.rlim_cur < tight.rlim_cur)
+        tight.rlim_cur = saved.rlim_cur;
+    QCOMPARE(setrlimit(RLIMIT_AS, &tight), 0);
+    std::unique_ptr<char[]> probe(new (std::nothrow) char[2000000000]);
+    KestObject node;
+    node.setData({{QStringLiteral("memSize"), 2000000000}});
+    char *block = probe ? nullptr : node.bufferData(nullptr, 100, 0);
+    setrlimit(RLIMIT_AS, &saved);
+    if (probe)
+        QSKIP("the address space limit does not hold here (an emulator's own mapping)");
+    QVERIFY(!block);
+    node.setData({{QStringLiteral("memSize"), 4096}}); // a pool that fits is taken on the next call
+    QVERIFY(node.bufferData(nullptr, 100, 0));
 }
 
 void TestHost::deliveryFollowsLinks()
@@ -194,6 +339,29 @@ void TestHost::deliveryFollowsLinks()
     QCOMPARE(audioOnly.audio.size(), 2);
 }
 
+void TestHost::deliveryNeverReentersANode()
+{
+    // A node that answers every event with the same event, in a ring of links and linked to
+    // itself: each node hears one event once per delivery, and nothing recurses.
+    class Echo : public KestObject
+    {
+    public:
+        int heard = 0;
+        void onNewEvent(QString type, QVariant info) override
+        {
+            ++heard;
+            sendEvent(type, info);
+        }
+    };
+    Echo a, b;
+    a.link(&b, KestObject::Audio);
+    b.link(&a, KestObject::Video);
+    b.link(&b, KestObject::Both);
+    a.sendEvent(QStringLiteral("TALLY"), 1);
+    QCOMPARE(b.heard, 1);
+    QCOMPARE(a.heard, 1);
+}
+
 void TestHost::settingsStartAndStop()
 {
     Lifecycle node;
@@ -218,6 +386,23 @@ void TestHost::metaTypesPassByName()
     QCOMPARE(sink.infosV.value(0).codec, int(KestCodec::H265));
     QTRY_COMPARE(sink.video.size(), 1);
     QCOMPARE(sink.video.first().pts, 77);
+}
+
+void TestHost::nodeLogLines()
+{
+    // Node log lines are debug messages in the "default" category, prefixed "[name] ".
+    static QStringList seen;
+    seen.clear();
+    const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &context,
+                                                                const QString &message) {
+        seen << QStringLiteral("%1 %2 %3").arg(int(type)).arg(QLatin1String(context.category), message);
+    });
+    std::unique_ptr<KestObject> node(createNode("KestIntercom"));
+    node->setName(QStringLiteral("station"));
+    node->setData({{QStringLiteral("ip"), QStringLiteral("no address")}, {QStringLiteral("hid"), QString()}});
+    qInstallMessageHandler(previous);
+    QVERIFY2(seen.contains(QStringLiteral("0 default [station] relay address no address is not an IP address; nothing is sent")),
+             qPrintable(seen.join('\n')));
 }
 
 void TestHost::everyClassIsCreatedByNameBothWays()

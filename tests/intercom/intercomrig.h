@@ -120,7 +120,7 @@ public:
     Packet local(const QByteArray &bytes)
     {
         Packet p;
-        p.data = mic.bufferData(bytes.constData(), bytes.size(), Intercom::kHeaderSize);
+        p.data = mic.bufferData(const_cast<char *>(bytes.constData()), bytes.size(), Intercom::kHeaderSize);
         p.len = bytes.size();
         p.frameType = 3;
         p.source = &mic;

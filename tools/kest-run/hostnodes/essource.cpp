@@ -178,7 +178,7 @@ void EsSource::onTick()
 void EsSource::emitUnit(const Unit &unit, qint64 pts)
 {
     Packet pkt;
-    pkt.data = bufferData(file.constData() + unit.offset, unit.size, 0);
+    pkt.data = bufferData(const_cast<char *>(file.constData()) + unit.offset, unit.size, 0); // only read from
     if (!pkt.data) {
         if (!tooLargeLogged)
             nodeLog(this) << "a frame of" << unit.size << "bytes does not fit \"memSize\"; such frames are skipped";
