@@ -24,9 +24,9 @@ QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArra
     return file.fileName();
 }
 
-QString error(KestRun &run)
+QString error(KestRun &run, int timeoutMs = 5000)
 {
-    return run.nextObject().value(QLatin1String("error")).toString();
+    return run.nextObject(timeoutMs).value(QLatin1String("error")).toString();
 }
 
 } // namespace
@@ -39,6 +39,7 @@ private Q_SLOTS:
     void badGraphExitsTwo_data();
     void badGraphExitsTwo();
     void controlProtocol();
+    void hostileLinesAreAnswered();
     void quitOrSignalStopsEveryNode_data();
     void quitOrSignalStopsEveryNode();
 
@@ -71,25 +72,33 @@ void TestKestRun::badGraphExitsTwo_data()
 {
     QTest::addColumn<QByteArray>("graph");
     QTest::addColumn<QString>("message");
-    QTest::newRow("unreadable file") << QByteArray() << "cannot read graph";
-    QTest::newRow("invalid JSON") << QByteArray("{\"nodes\": [") << "invalid JSON";
+    QTest::addColumn<QString>("library");
+    QTest::newRow("unreadable file") << QByteArray() << "cannot read graph" << QString();
+    QTest::newRow("invalid JSON") << QByteArray("{\"nodes\": [") << "invalid JSON" << QString();
     QTest::newRow("unknown class lists the others") << QByteArray(R"({"nodes":[{"name":"a","class":"Nope"}]})")
-                                                    << "unknown class \"Nope\" for node \"a\"; available classes: EchoNode, EsSink, EsSource, PcmSink, PcmSource";
+                                                    << "unknown class \"Nope\" for node \"a\"; available classes: EchoNode, EsSink, EsSource, PcmSink, PcmSource" << QString();
     QTest::newRow("duplicate name") << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"},{"name":"a","class":"EchoNode"}]})")
-                                    << "duplicate node name \"a\"";
+                                    << "duplicate node name \"a\"" << QString();
     QTest::newRow("link to a missing node") << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"}],"links":[{"from":"a","to":"ghost"}]})")
-                                            << "link 1 refers to a missing node \"ghost\"";
+                                            << "link 1 refers to a missing node \"ghost\"" << QString();
     QTest::newRow("bad media") << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"}],"links":[{"from":"a","to":"a","media":"smell"}]})")
-                               << "link 1 has media \"smell\"";
+                               << "link 1 has media \"smell\"" << QString();
+    QTest::newRow("node linked to itself") << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"}],"links":[{"from":"a","to":"a","media":"audio"}]})")
+                                           << "the links form a cycle for audio: \"a\" -> \"a\"" << QString();
+    QTest::newRow("two-node cycle") << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"},{"name":"b","class":"EchoNode"}],
+                                                    "links":[{"from":"a","to":"b","media":"video"},{"from":"b","to":"a"}]})")
+                                    << "the links form a cycle for video: \"a\" -> \"b\" -> \"a\"" << QString();
+    QTest::newRow("library without nodes") << QByteArray(R"({"nodes":[]})") << "is not a plug-in of nodes" << KEST_HOST_LIBRARY_PATH;
 }
 
 void TestKestRun::badGraphExitsTwo()
 {
     QFETCH(QByteArray, graph);
     QFETCH(QString, message);
+    QFETCH(QString, library);
     const QString path = graph.isEmpty() ? dir.filePath(QStringLiteral("missing.json")) : writeFile(dir, QStringLiteral("bad.json"), graph);
     QProcess run;
-    startKestRun(run, {QStringLiteral("--lib"), testNodes, path});
+    startKestRun(run, {QStringLiteral("--lib"), library.isEmpty() ? testNodes : library, path});
     QVERIFY(run.waitForFinished(10000));
     QCOMPARE(run.exitStatus(), QProcess::NormalExit);
     QCOMPARE(run.exitCode(), 2);
@@ -173,6 +182,42 @@ void TestKestRun::controlProtocol()
     run.send(R"({"node":"a","start":true})");
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"a","event":"started","value":"a"})"));
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"b","event":"heard","value":{"type":"started","value":"a"}})"));
+}
+
+void TestKestRun::hostileLinesAreAnswered()
+{
+    // Links that make a loop for events only (audio one way, video back) are allowed; each
+    // node hears the event at most once per delivery.
+    const QString graph = writeFile(dir, QStringLiteral("loop.json"), R"json({
+        "nodes": [{"name": "a", "class": "EchoNode"}, {"name": "b", "class": "EchoNode"}],
+        "links": [{"from": "a", "to": "b", "media": "audio"}, {"from": "b", "to": "a", "media": "video"}]})json");
+    KestRun run;
+    QVERIFY(run.start({QStringLiteral("--lib"), testNodes, graph}));
+    const auto heardUntilQuiet = [&run] {
+        int heard = 0;
+        for (QByteArray line; !(line = run.nextLine(1000)).isEmpty();)
+            heard += line.contains("heard") ? 1 : 0;
+        return heard;
+    };
+    QVERIFY(heardUntilQuiet() > 0); // the start events of both went round
+    run.send(R"({"node":"a","call":"deleteLater"})");
+    QCOMPARE(error(run), QStringLiteral("node \"a\" has no slot \"deleteLater\""));
+    run.send(R"({"node":"a","call":"destroyed","args":[null]})");
+    QCOMPARE(error(run), QStringLiteral("node \"a\" has no slot \"destroyed\""));
+
+    run.send(R"({"node":"a","event":{"type":"T","value":1}})");
+    const int heard = heardUntilQuiet();
+    QVERIFY2(heard > 0 && heard < 10, qPrintable(QString::number(heard)));
+
+    // A line longer than 16 MiB is refused whole; the next one is read as usual.
+    run.process.write(QByteArray(17 * 1024 * 1024, ' ') + R"({"node":"a","call":"echo","args":[1]})" + '\n');
+    QCOMPARE(error(run, 20000), QStringLiteral("line too long"));
+    run.send(R"({"node":"a","call":"echo","args":[2]})");
+    QCOMPARE(run.nextObject().value(QLatin1String("result")).toInt(), 2);
+    run.send(R"({"quit":true})");
+    QVERIFY(run.process.waitForFinished(5000));
+    QCOMPARE(run.process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(run.process.exitCode(), 0);
 }
 
 void TestKestRun::quitOrSignalStopsEveryNode_data()

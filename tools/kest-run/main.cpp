@@ -12,15 +12,17 @@
 #include <QTextStream>
 
 #include <cerrno>
-#include <utility>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <utility>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int kExitBadUsage = 2;
+constexpr int kMaxLineBytes = 16 * 1024 * 1024;
 const char kLibraryName[] = "libKestNDI.so.1";
 
 int signalPipe[2] = {-1, -1};
@@ -62,13 +64,20 @@ bool loadPlugin(const QString &explicitPath, QString *error)
     if (explicitPath.isEmpty())
         candidates << QString::fromLatin1(kLibraryName); // through the loader's search path
     QStringList tried;
+    const int classesBefore = nodeClasses().size();
     for (const QString &candidate : qAsConst(candidates)) {
         if (explicitPath.isEmpty() && candidate.contains(QLatin1Char('/')) && !QFileInfo::exists(candidate))
             continue;
         library.setFileName(candidate);
-        if (library.load())
+        if (!library.load()) {
+            tried << library.errorString();
+            continue;
+        }
+        // A plug-in registers its node classes while it loads; any other library adds none.
+        if (nodeClasses().size() > classesBefore)
             return true;
-        tried << library.errorString();
+        *error = QStringLiteral("%1 is not a plug-in of nodes: loading it registered no node class").arg(candidate);
+        return false;
     }
     *error = QStringLiteral("cannot load %1: %2").arg(QString::fromLatin1(kLibraryName), tried.join(QStringLiteral("; ")));
     return false;
@@ -93,22 +102,38 @@ private:
             return;
         if (n <= 0) {
             notifier.setEnabled(false);
-            if (!pending.isEmpty())
+            if (!pending.isEmpty() && !skipping)
                 runner->handleLine(std::exchange(pending, {}));
             return;
         }
-        pending.append(chunk, int(n));
-        int newline;
-        while ((newline = pending.indexOf('\n')) >= 0) {
-            const QByteArray line = pending.left(newline);
-            pending.remove(0, newline + 1);
-            runner->handleLine(line);
+        // Lines are cut out of the chunk as it comes, so that finding a line's end never scans
+        // the same bytes twice, and no more than one line of at most kMaxLineBytes is held.
+        const char *begin = chunk;
+        const char *const end = chunk + n;
+        while (begin < end) {
+            const char *newline = static_cast<const char *>(std::memchr(begin, '\n', size_t(end - begin)));
+            const char *stop = newline ? newline : end;
+            if (!skipping && pending.size() + (stop - begin) > kMaxLineBytes) {
+                pending.clear();
+                pending.squeeze();
+                skipping = true;
+                runner->handleError(QStringLiteral("line too long"));
+            }
+            if (!skipping)
+                pending.append(begin, int(stop - begin));
+            if (!newline)
+                break;
+            if (!skipping)
+                runner->handleLine(std::exchange(pending, {}));
+            skipping = false;
+            begin = newline + 1;
         }
     }
 
     Runner *runner;
     QSocketNotifier notifier;
     QByteArray pending;
+    bool skipping = false; // inside a line that was too long, up to its end
 };
 
 } // namespace

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <vector>
 
 namespace {
@@ -61,6 +62,46 @@ QVariant expandPlaceholders(const QVariant &value)
     default:
         return value;
     }
+}
+
+// One cycle among the links that carry `media`, as "a" -> "b" -> "a"; empty when there is none.
+// Delivery along such links would come back to where it started, without end.
+template <typename Link>
+QString findCycle(const QStringList &names, const std::vector<Link> &links, KestObject::Media media)
+{
+    enum Mark { Unvisited, OnPath, Done };
+    QHash<QString, Mark> marks;
+    QStringList path;
+    std::function<QString(const QString &)> visit = [&](const QString &node) -> QString {
+        marks[node] = OnPath;
+        path << node;
+        for (const Link &link : links) {
+            if (link.from != node || !(link.media & media))
+                continue;
+            if (marks.value(link.to) == OnPath) {
+                QStringList cycle = path.mid(path.indexOf(link.to)) << link.to;
+                for (QString &name : cycle)
+                    name = quoted(name);
+                return cycle.join(QStringLiteral(" -> "));
+            }
+            if (marks.value(link.to) == Unvisited) {
+                const QString found = visit(link.to);
+                if (!found.isEmpty())
+                    return found;
+            }
+        }
+        path.removeLast();
+        marks[node] = Done;
+        return {};
+    };
+    for (const QString &name : names) {
+        if (marks.value(name) != Unvisited)
+            continue;
+        const QString found = visit(name);
+        if (!found.isEmpty())
+            return found;
+    }
+    return {};
 }
 
 QString describeJsonError(const QByteArray &text, const QJsonParseError &error)
@@ -167,6 +208,16 @@ bool Runner::load(const QByteArray &graphJson, QString *error)
         }
         linkSpecs.push_back(spec);
     }
+    QStringList names;
+    for (const Spec &s : specs)
+        names << s.name;
+    for (const auto &[media, mediaName] : {std::pair{KestObject::Audio, "audio"}, std::pair{KestObject::Video, "video"}}) {
+        const QString cycle = findCycle(names, linkSpecs, media);
+        if (!cycle.isEmpty()) {
+            *error = QStringLiteral("the links form a cycle for %1: %2").arg(QLatin1String(mediaName), cycle);
+            return false;
+        }
+    }
 
     for (const Spec &spec : specs) {
         KestObject *object = createNode(spec.className.toLatin1());
@@ -260,10 +311,12 @@ void Runner::call(KestObject *node, const QString &nodeName, const QString &slot
     const QMetaObject *mo = node->metaObject();
     bool nameFound = false;
     QString conversionError;
-    for (int i = mo->methodCount() - 1; i >= 0; --i) {
+    // Only the slots of the node's own classes, from KestObject down: QObject's methods
+    // (deleteLater above all) would let a control line pull the node out from under the host.
+    for (int i = mo->methodCount() - 1; i >= KestObject::staticMetaObject.methodOffset(); --i) {
         const QMetaMethod method = mo->method(i);
-        if (method.access() != QMetaMethod::Public || method.methodType() == QMetaMethod::Signal
-            || method.methodType() == QMetaMethod::Constructor || QString::fromLatin1(method.name()) != slot)
+        if (method.access() != QMetaMethod::Public || method.methodType() != QMetaMethod::Slot
+            || QString::fromLatin1(method.name()) != slot)
             continue;
         nameFound = true;
         if (method.parameterCount() != args.size() || args.size() > 10)
@@ -346,6 +399,12 @@ void Runner::print(const QByteArray &line)
 {
     std::fwrite(line.constData(), 1, size_t(line.size()), stdout);
     std::fflush(stdout);
+}
+
+void Runner::handleError(const QString &message)
+{
+    if (!quitting)
+        printError(message);
 }
 
 void Runner::printError(const QString &message)

@@ -24,6 +24,8 @@ public:
 
     // One control line. Answers (results, errors) go to stdout as JSON lines.
     void handleLine(const QByteArray &line);
+    // An input that is not a line to handle (one too long): answered as an error.
+    void handleError(const QString &message);
 
     // Stops every node, deletes them and ends the event loop with `code`.
     void quit(int code);
