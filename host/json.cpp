@@ -1,5 +1,7 @@
 #include "json.h"
 
+#include "jsonscreen.h"
+
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -10,7 +12,7 @@ QVariant Json::decode(const QString &text)
     // QJsonDocument only takes objects and arrays; wrapping the text in an array accepts a
     // top-level scalar as well and leaves the error position meaningful for the rest.
     QJsonParseError error{};
-    const QJsonDocument doc = QJsonDocument::fromJson('[' + text.toUtf8() + ']', &error);
+    const QJsonDocument doc = JsonScreen::parse('[' + text.toUtf8() + ']', &error);
     if (error.error != QJsonParseError::NoError || !doc.isArray() || doc.array().size() != 1)
         return {};
     return doc.array().first().toVariant();

@@ -2,6 +2,7 @@
 
 #include "intercom/pcm.h"
 #include "json.h"
+#include "jsonscreen.h"
 #include "hostclock.h"
 #include "nodelog.h"
 #include "packetqueue.h"
@@ -225,7 +226,8 @@ void KestIntercom::handleDatagram(char *datagram, int size)
         channel.name = QString::fromUtf8(body.data, body.size);
         return;
     case Intercom::Command: {
-        const QVariantMap command = Json::decode(Intercom::commandText(body)).toMap();
+        // Screened first: the host's decoder may be Qt's, which leaks on repeated keys.
+        const QVariantMap command = Json::decode(JsonScreen::screen(Intercom::commandText(body))).toMap();
         nodeLog(this) << command;
         onNewCmd(command.value(kFunc).toString(), command.value(kData));
         return;

@@ -1,5 +1,7 @@
 #include "socketio/packet.h"
 
+#include "jsonscreen.h"
+
 #include <QDebug>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -25,14 +27,14 @@ int Packet::toAck()
 
 QVariant Packet::ackData() const
 {
-    const QJsonDocument doc = QJsonDocument::fromJson(raw.toUtf8());
+    const QJsonDocument doc = JsonScreen::parse(raw.toUtf8());
     return doc.isNull() ? QVariant() : doc.toVariant();
 }
 
 IOEvent Packet::eventData() const
 {
     IOEvent event;
-    const QJsonDocument doc = QJsonDocument::fromJson(raw.toUtf8());
+    const QJsonDocument doc = JsonScreen::parse(raw.toUtf8());
     if (!doc.isArray())
         return event;
     const QJsonArray list = doc.array();

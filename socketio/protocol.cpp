@@ -1,5 +1,7 @@
 #include "socketio/protocol.h"
 
+#include "jsonscreen.h"
+
 #include <QDebug>
 #include <QJsonDocument>
 #include <QVariantMap>
@@ -111,7 +113,7 @@ bool Protocol::decryptHandShake(const QByteArray &body, HandShake *out) const
 {
     // The first character is the frame type "0" of the open packet.
     const QByteArray json = QString::fromUtf8(body).mid(1).toUtf8();
-    const QVariantMap map = QJsonDocument::fromJson(json).toVariant().toMap();
+    const QVariantMap map = JsonScreen::parse(json).toVariant().toMap();
     if (map.isEmpty() || !map.contains(QStringLiteral("sid")) || !map.contains(QStringLiteral("pingInterval"))
         || !map.contains(QStringLiteral("pingTimeout")))
         return false;

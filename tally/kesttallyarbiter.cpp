@@ -1,6 +1,7 @@
 #include "tally/kesttallyarbiter.h"
 
 #include "json.h"
+#include "jsonscreen.h"
 #include "nodelog.h"
 #include "registration.h"
 
@@ -146,7 +147,7 @@ void KestTallyArbiter::regist()
 
 void KestTallyArbiter::onNewMessage(QString str)
 {
-    const QVariantList message = Json::decode(str).toList();
+    const QVariantList message = Json::decode(JsonScreen::screen(str)).toList();
     // An event without an argument (a bare "flash") is ignored as well: deliberate, the
     // server always sends one.
     if (message.size() < 2)

@@ -3,6 +3,8 @@
 // registration of the plug-in's classes by name.
 
 #include "catalogue.h"
+#include "json.h"
+#include "jsonscreen.h"
 #include "packetqueue.h"
 #include "recorder.h"
 #include "registration.h"
@@ -109,6 +111,8 @@ private Q_SLOTS:
     void settingsStartAndStop();
     void metaTypesPassByName();
     void nodeLogLines();
+    void untrustedJson_data();
+    void untrustedJson();
     void everyClassIsCreatedByNameBothWays();
     void takenNameDoesNotAbort();
 };
@@ -411,6 +415,41 @@ void TestHost::nodeLogLines()
     qInstallMessageHandler(previous);
     QVERIFY2(seen.contains(QStringLiteral("0 default [station] relay address no address is not an IP address; nothing is sent")),
              qPrintable(seen.join('\n')));
+}
+
+void TestHost::untrustedJson_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<int>("outcome");
+    QTest::addColumn<QByteArray>("decoded"); // Json::decode, compact; "" for invalid
+    const int unchanged = int(JsonScreen::Outcome::Unchanged), rewritten = int(JsonScreen::Outcome::Rewritten),
+              refused = int(JsonScreen::Outcome::Refused);
+    QTest::newRow("repeated key, array first") << QByteArray(R"({"a":[1],"a":2})") << rewritten << QByteArray(R"({"a":2})");
+    QTest::newRow("repeated key, objects") << QByteArray(R"({"a":{"x":1},"a":{"y":[2.5,"é"]}})") << rewritten
+                                           << QByteArray(R"({"a":{"y":[2.5,"é"]}})");
+    QTest::newRow("repeated key in a kept value") << QByteArray(R"([{"k":{"b":[1],"b":1.0}},7])") << rewritten
+                                                  << QByteArray(R"([{"k":{"b":1}},7])");
+    QTest::newRow("escaped spelling repeats") << QByteArray(R"({"a":[1],"a":null})") << rewritten << QByteArray(R"({"a":null})");
+    QTest::newRow("same key in sibling objects") << QByteArray(R"([{"a":[1]},{"a":[2]}])") << unchanged << QByteArray(R"([{"a":[1]},{"a":[2]}])");
+    QTest::newRow("scalar") << QByteArray("\"ok\"") << unchanged << QByteArray("\"ok\"");
+    QTest::newRow("lenient Qt text without objects") << QByteArray("[1., \"\t\\x\"]") << unchanged << QByteArray(R"([1,"\tx"])");
+    QTest::newRow("lenient Qt text with an object") << QByteArray("{\"a\":\"\t\"}") << refused << QByteArray();
+    QTest::newRow("nested deeper than Qt takes") << QByteArray(1100, '[') + QByteArray(1100, ']') << refused << QByteArray();
+    QTest::newRow("not JSON") << QByteArray(R"({"a":)") << refused << QByteArray();
+}
+
+void TestHost::untrustedJson()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(int, outcome);
+    QFETCH(QByteArray, decoded);
+    JsonScreen::Outcome got{};
+    const QByteArray screened = JsonScreen::screen(text, &got);
+    QCOMPARE(int(got), outcome);
+    if (got == JsonScreen::Outcome::Unchanged)
+        QCOMPARE(screened, text);
+    const QVariant value = Json::decode(QString::fromUtf8(text));
+    QCOMPARE(value.isValid() ? Json::encode(value, false).toUtf8() : QByteArray(), decoded);
 }
 
 void TestHost::everyClassIsCreatedByNameBothWays()

@@ -260,6 +260,8 @@ void TestIntercom::incomingCommands_data()
     QTest::newRow("up to the zero byte") << QByteArray("{\"func\":\"TALLY\",\"data\":4}\0{junk", 31) << QVariantList{4, 99};
     QTest::newRow("Latin-1 text") << QByteArray("{\"func\":\"TALLY\",\"data\":\"S\xfc" "d\"}") << QVariantList{QStringLiteral("Süd"), 99};
     QTest::newRow("not JSON") << QByteArray("TALLY 5") << QVariantList{99};
+    QTest::newRow("repeated keys: the last wins")
+        << QByteArray(R"({"func":[1,2,3],"func":{"x":[1]},"func":"TALLY","data":[1],"data":2})") << QVariantList{2, 99};
     QTest::newRow("other function") << QByteArray(R"({"func":"tally","data":6})") << QVariantList{99};
 }
 

@@ -1,5 +1,6 @@
 // The Socket.IO packet and its text codec: pure units, no sockets.
 
+#include "json.h"
 #include "socketio/protocol.h"
 
 #include <QJsonDocument>
@@ -134,6 +135,8 @@ private Q_SLOTS:
         QTest::newRow("no pingTimeout") << QByteArray(R"(0{"sid":"a","pingInterval":1})") << "-" << qint64(-7) << qint64(-8);
         QTest::newRow("empty") << QByteArray() << "-" << qint64(-7) << qint64(-8);
         QTest::newRow("not UTF-8") << QByteArray("0{\"sid\":\"\xff\"}") << "-" << qint64(-7) << qint64(-8);
+        QTest::newRow("repeated key: the last") << QByteArray(R"(0{"sid":{"a":[1]},"sid":"b","pingInterval":1,"pingTimeout":2})")
+                                                << "b" << qint64(1) << qint64(2);
     }
 
     void handShake()
@@ -161,6 +164,7 @@ private Q_SLOTS:
         QTest::newRow("elements after the second are ignored") << "reassign" << QVariant("old") << R"(["reassign","old","new"])" << false;
         QTest::newRow("not a list: no event") << "" << QVariant() << R"({"sid":"x"})" << false;
         QTest::newRow("not JSON: no event, no ack data") << "" << QVariant() << R"(["a",)" << false;
+        QTest::newRow("repeated key: the last value") << "a" << QVariant(QVariantMap{{"k", 2}}) << R"(["a",{"k":[1],"k":2}])" << false;
     }
 
     // Acknowledgement data is the whole JSON value, or null.
@@ -179,7 +183,7 @@ private Q_SLOTS:
         const SocketIO::IOEvent event = packet.eventData();
         QCOMPARE(event.name, name);
         QCOMPARE(event.data, data);
-        QCOMPARE(packet.ackData(), QJsonDocument::fromJson(raw.toUtf8()).toVariant());
+        QCOMPARE(packet.ackData(), Json::decode(raw));
     }
 
     void ackIdsAreSharedAndConsecutive()

@@ -112,7 +112,7 @@ void TestKestRun::controlProtocol()
 {
     const QString graph = writeFile(dir, QStringLiteral("echo.json"), R"json({
         "nodes": [
-            {"name": "a", "class": "EchoNode", "data": {"k": 1, "source": "%MACHINE% (cam)", "nested": {"l": [2, "%MACHINE%"]}}},
+            {"name": "a", "class": "EchoNode", "data": {"k": [0], "k": 1, "source": "%MACHINE% (cam)", "nested": {"l": [2, "%MACHINE%"]}}},
             {"name": "b", "class": "EchoNode"},
             {"name": "idle", "class": "EchoNode", "start": false}
         ],
@@ -129,7 +129,7 @@ void TestKestRun::controlProtocol()
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"idle","call":"running","result":false})"));
 
     // Slots by name; values convert both ways, byte arrays become hex.
-    run.send(R"({"node":"a","call":"add","args":[2,3]})");
+    run.send(R"({"node":"a","call":"add","args":{"x":[1]},"args":[2,3]})"); // a repeated key: the last
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"a","call":"add","result":5})"));
     run.send(R"({"node":"a","call":"echo","args":[{"m":[1,"x",true,null]}]})");
     QCOMPARE(run.nextLine(), QByteArray(R"({"node":"a","call":"echo","result":{"m":[1,"x",true,null]}})"));
@@ -164,7 +164,10 @@ void TestKestRun::controlProtocol()
     run.send(R"({"node":"a"})");
     QVERIFY(!error(run).isEmpty());
 
-    // "set" merges and calls onSetData; the graph's data counted as the first call.
+    // "set" merges and calls onSetData; the graph's data counted as the first call (its
+    // repeated key "k" gave the last value).
+    run.send(R"({"node":"a","call":"setting","args":["k"]})");
+    QCOMPARE(run.nextObject().value(QLatin1String("result")).toInt(), 1);
     run.send(R"({"node":"a","set":{"k":2,"extra":"e"}})");
     run.send(R"({"node":"a","call":"setting","args":["k"]})");
     QCOMPARE(run.nextObject().value(QLatin1String("result")).toInt(), 2);

@@ -1,6 +1,7 @@
 #include "runner.h"
 
 #include "catalogue.h"
+#include "jsonscreen.h"
 #include "kestobject.h"
 #include "variantjson.h"
 
@@ -123,7 +124,7 @@ Runner::~Runner()
 bool Runner::load(const QByteArray &graphJson, QString *error)
 {
     QJsonParseError parseError{};
-    const QJsonDocument doc = QJsonDocument::fromJson(graphJson, &parseError);
+    const QJsonDocument doc = JsonScreen::parse(graphJson, &parseError);
     if (parseError.error != QJsonParseError::NoError) {
         *error = QStringLiteral("invalid JSON: %1").arg(describeJsonError(graphJson, parseError));
         return false;
@@ -254,7 +255,7 @@ void Runner::handleLine(const QByteArray &line)
     if (quitting || line.trimmed().isEmpty())
         return;
     QJsonParseError parseError{};
-    const QJsonDocument doc = QJsonDocument::fromJson(line, &parseError);
+    const QJsonDocument doc = JsonScreen::parse(line, &parseError);
     if (parseError.error != QJsonParseError::NoError || !doc.isObject()) {
         printError(parseError.error != QJsonParseError::NoError
                        ? QStringLiteral("invalid JSON: %1").arg(parseError.errorString())
