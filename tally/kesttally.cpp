@@ -39,7 +39,7 @@ void KestTally::onStart()
     port->setPortName(uart);
     // A process that died with the port open leaves its lock file behind, and the next open
     // would be refused.
-    SerialTally::removeStaleLocks(QString::fromLatin1(SerialTally::kLockDirectory), SerialTally::deviceName(uart));
+    SerialTally::removeStaleLocks(QString::fromLatin1(SerialTally::kLockDirectory), uart);
     // A failed open is not reported: frames are then dropped until the next start.
     if (port->open(QIODevice::ReadWrite)) {
         port->setBaudRate(data.value(QStringLiteral("baudRate")).toInt(), QSerialPort::AllDirections);

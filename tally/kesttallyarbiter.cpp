@@ -6,6 +6,8 @@
 #include "registration.h"
 
 #include <algorithm>
+#include <limits>
+#include <utility>
 
 namespace {
 
@@ -57,6 +59,9 @@ KestTallyArbiter::KestTallyArbiter(QObject *parent)
     data[QStringLiteral("deviceId")] = QString();
     data[QStringLiteral("typeName")] = QStringLiteral("Encoder");
     data[QStringLiteral("reconnect")] = false;
+    data[QStringLiteral("followReassign")] = false;
+    data[QStringLiteral("busPriority")] = false;
+    data[QStringLiteral("darkOnLoss")] = false;
 
     connect(&client, &SocketIO::Client::connected, this, &KestTallyArbiter::onConnected);
     connect(&client, &SocketIO::Client::disconnected, this, &KestTallyArbiter::onDisconnected);
@@ -126,8 +131,13 @@ void KestTallyArbiter::onConnected()
 void KestTallyArbiter::onDisconnected()
 {
     nodeLog(this) << "onDisconnected";
-    connected = false;
+    // The session reports its end more than once (close() and the WebSocket's own signal).
+    const bool wasConnected = std::exchange(connected, false);
     attemptTimer.stop();
+    if (wasConnected && data.value(QStringLiteral("darkOnLoss")).toBool()) {
+        flashTimer.stop(); // a flash step would light the dead link again
+        sendEvent(QStringLiteral("TA_color"), kDark);
+    }
     scheduleReconnect();
 }
 
@@ -169,25 +179,48 @@ void KestTallyArbiter::onNewMessage(QString str)
 }
 
 // The bus's kind plays no part: the server's colour for the bus is the tally colour, and the
-// first active state in the server's order wins.
+// first active state in the server's order wins, unless "busPriority" asks for the server's
+// priorities.
 void KestTallyArbiter::showStates(const QVariant &states)
 {
     if (states.userType() != QMetaType::QVariantList)
         return;
-    for (const QVariant &entry : states.toList()) {
+    const QVariantList entries = states.toList();
+    const bool byPriority = data.value(QStringLiteral("busPriority")).toBool();
+    // A listener that registered again after a reassign sits in the rooms of both devices and
+    // hears the states of each.
+    const bool filtered = data.value(QStringLiteral("followReassign")).toBool();
+    const QString followed = data.value(QStringLiteral("deviceId")).toString();
+    bool ours = entries.isEmpty();
+    const QString *colour = nullptr;
+    double best = 0;
+    for (const QVariant &entry : entries) {
         const QVariantMap state = entry.toMap();
+        const QVariant deviceId = state.value(QStringLiteral("deviceId"));
+        if (filtered && isText(deviceId) && deviceId.toString() != followed)
+            continue;
+        ours = true;
         if (state.value(QStringLiteral("sources")).toList().isEmpty())
             continue;
         const QVariant busId = state.value(QStringLiteral("busId"));
         if (!isText(busId))
             continue;
-        const auto colour = busColors.constFind(busId.toString());
-        if (colour != busColors.constEnd()) {
-            sendEvent(QStringLiteral("TA_color"), *colour);
-            return;
+        const auto known = busColors.constFind(busId.toString());
+        if (known == busColors.constEnd())
+            continue;
+        if (!byPriority) {
+            colour = &*known;
+            break;
+        }
+        // A bus without a priority ranks below every bus with one; ties keep the server's order.
+        const double priority = busPriorities.value(busId.toString(), -std::numeric_limits<double>::infinity());
+        if (!colour || priority > best) {
+            colour = &*known;
+            best = priority;
         }
     }
-    sendEvent(QStringLiteral("TA_color"), kDark);
+    if (ours) // states of another device only are not this listener's tally
+        sendEvent(QStringLiteral("TA_color"), colour ? *colour : kDark);
 }
 
 void KestTallyArbiter::storeBusOptions(const QVariant &options)
@@ -198,8 +231,14 @@ void KestTallyArbiter::storeBusOptions(const QVariant &options)
         const QVariantMap option = entry.toMap();
         const QVariant id = option.value(QStringLiteral("id"));
         const QVariant colour = option.value(QStringLiteral("color"));
-        if (isText(id) && colour.userType() == QMetaType::QString)
-            busColors.insert(id.toString(), colour.toString());
+        if (!isText(id) || colour.userType() != QMetaType::QString)
+            continue;
+        busColors.insert(id.toString(), colour.toString());
+        const QVariant priority = option.value(QStringLiteral("priority"));
+        if (isText(priority) && priority.userType() != QMetaType::QString) // a number
+            busPriorities.insert(id.toString(), priority.toDouble());
+        else
+            busPriorities.remove(id.toString());
     }
 }
 
@@ -213,6 +252,10 @@ void KestTallyArbiter::reassign(const QVariant &ids)
     client.eemit(QStringLiteral("listener_reassign_object"),
                  QVariantMap{{QStringLiteral("oldDeviceId"), oldId}, {QStringLiteral("newDeviceId"), newId}});
     data[QStringLiteral("deviceId")] = newId;
+    // The server ignores the request above from a listener that has not logged in as a
+    // producer; registering again is what moves it.
+    if (data.value(QStringLiteral("followReassign")).toBool())
+        regist();
 
     QVariantMap reassigned{{QStringLiteral("deviceId"), newId}, {QStringLiteral("deviceName"), kUnknownName}};
     const auto device = std::find_if(devices.cbegin(), devices.cend(), [&newId](const QVariant &entry) {

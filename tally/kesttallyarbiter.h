@@ -13,7 +13,12 @@
 //           "deviceId" (string, "") - the device to follow; the server may reassign it;
 //           "typeName" (string, "Encoder") - the listener type the server shows;
 //           "reconnect" (bool, false) - open again after a lost connection or a failed
-//           handshake, 1 s later and twice as long each time up to 30 s.
+//           handshake, 1 s later and twice as long each time up to 30 s;
+//           "followReassign" (bool, false) - on a reassign also register for the new device
+//           and take only the followed device's states (the server keeps the old registration);
+//           "busPriority" (bool, false) - the active bus with the highest priority gives the
+//           colour, not the first in the server's order;
+//           "darkOnLoss" (bool, false) - "#000000" once when a connected session ends.
 // Events: "TA_color" (colour text), "TA_reassign" ({"deviceId", "deviceName"}).
 class KestTallyArbiter : public KestObject
 {
@@ -48,6 +53,7 @@ private:
     QVariantList devices;
     bool connected = false;
     QMap<QString, QString> busColors;
+    QMap<QString, double> busPriorities;
     QTimer flashTimer;
     int flashCount = 0;
 

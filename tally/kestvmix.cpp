@@ -17,6 +17,7 @@ KestVMix::KestVMix(QObject *parent) : KestObject(parent), timer(new QTimer(this)
     typeId = 2;
     connect(timer, &QTimer::timeout, this, &KestVMix::onTimer);
     data[QStringLiteral("port")] = VMix::kDefaultPort;
+    data[QStringLiteral("queryOnConnect")] = false;
 }
 
 void KestVMix::onSetData(QVariantMap /*settings*/)
@@ -91,6 +92,14 @@ void KestVMix::onRead()
 
 void KestVMix::dealMessage(const QString &line)
 {
+    // The switcher pushes changes only. The request goes out once the subscription is answered,
+    // as a write of its own: Tally Arbiter's emulator reads one line per TCP chunk, and a request
+    // that follows the subscription at once reaches it in the same chunk and goes unanswered.
+    if (socket && line == QLatin1String(VMix::kSubscribedReply) && data.value(QStringLiteral("queryOnConnect")).toBool()) {
+        socket->write(QByteArray(VMix::kTallyRequest));
+        socket->flush();
+        return;
+    }
     if (const auto values = VMix::tally(line))
         sendEvent(QStringLiteral("TALLY"), *values);
 }

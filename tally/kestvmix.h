@@ -11,7 +11,8 @@ class QTimer;
 // switcher cannot be reached; the connection is governed by onSetData alone.
 //
 // Settings: "ip" (string, none) - the switcher's IPv4 or IPv6 address (no name look-up);
-// "port" (int, 8099) - the TCP API port, low 16 bits.
+// "port" (int, 8099) - the TCP API port, low 16 bits;
+// "queryOnConnect" (bool, false) - ask for the current tally once the subscription is taken.
 class KestVMix : public KestObject
 {
     Q_OBJECT

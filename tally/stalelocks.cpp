@@ -1,40 +1,30 @@
-#include "stalelocks.h"
+#include "tally/stalelocks.h"
+
+#include "tally/serialframe.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
+
+#include <sys/stat.h>
 
 namespace SerialTally {
 
-namespace {
-// QDir's name filters are wildcard patterns; a device name is matched as plain text, so its
-// pattern characters go into one-character sets.
-QString literalPattern(const QString &text)
+int removeStaleLocks(const QString &directory, const QString &uart)
 {
-    QString out;
-    for (const QChar c : text) {
-        if (c == QLatin1Char('*') || c == QLatin1Char('?') || c == QLatin1Char('['))
-            out += QLatin1Char('[') + c + QLatin1Char(']');
-        else
-            out += c;
-    }
-    return out;
-}
-} // namespace
-
-int removeStaleLocks(const QString &directory, const QString &device)
-{
-    if (device.isEmpty())
+    // A setting such as "/dev/s" or "/dev/." would otherwise match far more than lock files.
+    struct stat device{};
+    const QString name = deviceName(uart);
+    if (name.isEmpty() || ::stat(QFile::encodeName(uart).constData(), &device) != 0 || !S_ISCHR(device.st_mode))
         return 0;
     QDir dir(directory);
-    dir.setNameFilters({QLatin1Char('*') + literalPattern(device) + QLatin1Char('*')});
-    // Like a shell's "*": case-sensitive, and no QDir::Hidden, so no match on a leading ".".
-    dir.setFilter(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot | QDir::CaseSensitive);
+    // No QDir::Hidden: like a shell's "*", no match on a leading ".".
+    const QFileInfoList entries = dir.entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
     int removed = 0;
-    const QFileInfoList entries = dir.entryInfoList();
     for (const QFileInfo &entry : entries) {
-        if (entry.isDir() && !entry.isSymLink())
-            continue;
-        if (dir.remove(entry.fileName()))
+        // isFile() holds for regular files only (and links to them); a link itself goes, never
+        // what it points to.
+        if (entry.fileName().contains(name) && (entry.isSymLink() || entry.isFile()) && dir.remove(entry.fileName()))
             ++removed;
     }
     return removed;

@@ -18,6 +18,10 @@ constexpr int kConnectWaitMs = 200;
 // grow without bound in the socket's buffer.
 constexpr qint64 kMaxLineBytes = 64 * 1024;
 constexpr char kSubscribeRequest[] = "SUBSCRIBE TALLY\r\n";
+// Asks for the current tally; answered with one "TALLY OK" line.
+constexpr char kTallyRequest[] = "TALLY\r\n";
+// The switcher's answer to the subscription, once it has taken it.
+constexpr char kSubscribedReply[] = "SUBSCRIBE OK TALLY";
 
 // Text of one line as read from the socket: every "\r\n" pair removed, cut at the first zero
 // byte. Only the pair is removed, so a line ended by a bare "\n" keeps it.

@@ -10,6 +10,7 @@
 #include "tally/stalelocks.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QElapsedTimer>
 #include <QScopeGuard>
 #include <QSerialPort>
@@ -17,22 +18,17 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QUuid>
 
 #include <climits>
 #include <memory>
 
+#include <sys/stat.h>
 #include <termios.h>
 
 namespace {
 
 constexpr qint64 kStepUs = 100 * 1000; // one command-mode wait
 const QString kLine = QStringLiteral("kest-test-line"); // a GPIO line no machine has
-
-QString unique(const QString &prefix)
-{
-    return prefix + QUuid::createUuid().toString(QUuid::Id128);
-}
 
 } // namespace
 
@@ -198,65 +194,56 @@ private Q_SLOTS:
 
     void staleLocks_data()
     {
-        // Entries made in a scratch folder: "name" a file, "name/" a folder, "name@" a link to a
-        // folder elsewhere.
         QTest::addColumn<QString>("uart");
-        QTest::addColumn<QStringList>("entries");
-        QTest::addColumn<QStringList>("remaining");
-        QTest::newRow("lock files of the device") << "/dev/ttyUSB0" << QStringList{"LCK..ttyUSB0", "ttyUSB0", "ttyUSB0.lock", "LCK..ttyUSB1", "other"}
-                                                  << QStringList{"LCK..ttyUSB1", "other"};
-        QTest::newRow("trailing slash: empty name removes nothing") << "/dev/ttyUSB0/" << QStringList{"ttyUSB0", "x"} << QStringList{"ttyUSB0", "x"};
-        QTest::newRow("empty uart removes nothing") << "" << QStringList{"ttyUSB0", "x"} << QStringList{"ttyUSB0", "x"};
-        QTest::newRow("hidden names stay") << "ttyS0" << QStringList{".LCK..ttyS0", "LCK..ttyS0"} << QStringList{".LCK..ttyS0"};
-        QTest::newRow("case counts") << "ttyS0" << QStringList{"LCK..TTYS0", "LCK..ttyS0"} << QStringList{"LCK..TTYS0"};
-        QTest::newRow("folders stay, links go") << "ttyS0" << QStringList{"ttyS0.d/", "ttyS0.link@"} << QStringList{"ttyS0.d"};
-        QTest::newRow("star is a character") << "tty*" << QStringList{"LCK..tty*", "LCK..ttyS0"} << QStringList{"LCK..ttyS0"};
-        QTest::newRow("question mark is a character") << "tty?" << QStringList{"tty?", "ttyA"} << QStringList{"ttyA"};
-        QTest::newRow("brackets are characters") << "tty[0]" << QStringList{"LCK..tty[0]", "tty0", "tty[0"} << QStringList{"tty0", "tty[0"};
+        QTest::addColumn<QStringList>("removed");
+        QTest::newRow("lock files and links of a character device") << "/dev/null" << QStringList{"LCK..null", "null-link", "null.lock"};
+        // None of these names a character device, so nothing goes, whatever the names contain.
+        for (const char *hostile : {"", "/dev/", "/dev/.", "/dev/s", "../../etc/passwd", "/dev/nul*", "/dev/null;", "/dev/null/"})
+            QTest::newRow(hostile) << hostile << QStringList{};
     }
 
+    // In a private folder standing in for /tmp: "name/" a folder, "name@" a link to a folder
+    // elsewhere, "name|" a FIFO, anything else a file.
     void staleLocks()
     {
         QFETCH(QString, uart);
-        QFETCH(QStringList, entries);
-        QFETCH(QStringList, remaining);
+        QFETCH(QStringList, removed);
         QTemporaryDir scratch, elsewhere;
-        for (const QString &entry : entries) {
-            const QString path = scratch.filePath(entry.chopped(1));
+        QStringList entries;
+        for (const QString &entry : QStringList{"LCK..null", "null.lock", "null-link@", "null.d/", "null.fifo|", ".LCK..null", "LCK..NULL", "passwd", "s"}) {
+            const QString name = entry.endsWith('/') || entry.endsWith('@') || entry.endsWith('|') ? entry.chopped(1) : entry;
+            const QString path = scratch.filePath(name);
             const bool made = entry.endsWith('/') ? QDir().mkdir(path)
                               : entry.endsWith('@') ? QFile::link(elsewhere.path(), path)
-                                                    : QFile(scratch.filePath(entry)).open(QIODevice::WriteOnly);
+                              : entry.endsWith('|') ? ::mkfifo(QFile::encodeName(path).constData(), 0600) == 0
+                                                    : QFile(path).open(QIODevice::WriteOnly);
             QVERIFY2(made, qPrintable(entry));
+            if (!removed.contains(name))
+                entries << name;
         }
-        QCOMPARE(SerialTally::removeStaleLocks(scratch.path(), SerialTally::deviceName(uart)), entries.size() - remaining.size());
-        QCOMPARE(QDir(scratch.path()).entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name), remaining);
+        QCOMPARE(SerialTally::removeStaleLocks(scratch.path(), uart), removed.size());
+        entries.sort();
+        QCOMPARE(QDir(scratch.path()).entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name), entries);
         QVERIFY(QDir(elsewhere.path()).exists()); // what a link points to survives
     }
 
-    // On the real /tmp, so with names no other program uses. The "uart" would make a shell create
-    // `marker` in the working folder; it must stay a name.
-    void startCleansTmpWithoutAShell()
+    // The node cleans the real /tmp, for the device its "uart" names through a link.
+    void startRemovesStaleLocksFromTmp()
     {
-        const QString marker = unique(QStringLiteral("kest-pwned-")), device = "x$(touch " + marker + ")" + unique("tty");
-        const QString stale = "/tmp/LCK.." + device, survivor = "/tmp/" + unique(QStringLiteral("kest-survivor-"));
-        QTemporaryDir work;
-        const QString previous = QDir::currentPath();
+        const QString name = QFileInfo(pty->nodePath).fileName(); // unique to this run
+        const QString stale = "/tmp/LCK.." + name, folder = "/tmp/" + name + ".d";
         const auto tidy = qScopeGuard([&] {
-            QDir::setCurrent(previous);
             QFile::remove(stale);
-            QFile::remove(survivor);
+            QDir().rmdir(folder);
         });
-        QVERIFY(QFile(stale).open(QIODevice::WriteOnly) && QFile(survivor).open(QIODevice::WriteOnly));
-        QVERIFY(QDir::setCurrent(work.path()));
-        startNode({{"uart", "/dev/" + device}, {"init", "AT+C077"}});
-        QDir::setCurrent(previous);
-        QVERIFY(!port()->isOpen());
-        QVERIFY(!QFile::exists(stale));
-        QVERIFY(QFile::exists(survivor));
-        QCOMPARE(QDir(work.path()).entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
-        // The command-mode line is driven all the same; frames are dropped.
+        QVERIFY(QFile(stale).open(QIODevice::WriteOnly) && QDir().mkdir(folder));
+        // A missing device removes nothing and stays closed; "init" drives the line all the same.
+        startNode({{"uart", pty->nodePath.chopped(4)}, {"init", "AT+C077"}});
+        QVERIFY(!port()->isOpen() && QFile::exists(stale));
         QCOMPARE(KestGPIO::calls().size(), 2);
-        QCOMPARE(call("setTally", QVariantList{2}), QVariant(true));
+        startNode();
+        QVERIFY(!QFile::exists(stale));
+        QVERIFY(QFileInfo(folder).isDir());
     }
 
     void exampleDrivesTheLightUnderKestRun()

@@ -61,20 +61,25 @@ private Q_SLOTS:
         QCOMPARE(keepAlive, 1);
         QTRY_COMPARE(connections(), 1);
         QTRY_COMPARE(lastReceived(), kSubscription);
+        peer->send("SUBSCRIBE OK TALLY\r\n"); // asks for nothing more by default
 
         // New settings while subscribed reconnect at once, even unchanged ones.
         node->setData({});
         QTRY_VERIFY(peer->connections[0].closed);
         QTRY_COMPARE(connections(), 2);
         QTRY_COMPARE(lastReceived(), kSubscription);
-        // Only the low 16 bits of the port count.
+        // Only the low 16 bits of the port count. With "queryOnConnect" the subscription's
+        // answer is followed by a request for the current tally.
         ScriptedPeer other;
         QVERIFY(other.listen());
-        node->setData({{"port", other.port() + 65536}});
+        node->setData({{"port", other.port() + 65536}, {"queryOnConnect", true}});
         QCOMPARE(sockets().first()->peerPort(), other.port());
         QTRY_VERIFY(peer->connections[1].closed);
         QTRY_COMPARE(other.connections.size(), 1);
         QTRY_COMPARE(other.connections.last().received, kSubscription);
+        other.send("VERSION OK 27.0.0.49\r\nSUBSCRIBE OK TALLY\r\n");
+        QTRY_COMPARE(other.connections.last().received, kSubscription + "TALLY\r\n");
+        QCOMPARE(peer->connections[0].received, kSubscription);
         QCOMPARE(connections(), 2);
         QVERIFY(spy->isEmpty());
         QCOMPARE(log->lines(), (QStringList{kConnected, kConnected, kConnected}));

@@ -8,7 +8,7 @@
 namespace {
 
 const QString kBusOptions = QStringLiteral(
-    R"(["bus_options",[{"id":"b1","label":"Program","type":"program","color":"#ff0000"},{"id":"b2","label":"Preview","type":"preview","color":"#00ff00"}]])");
+    R"(["bus_options",[{"id":"b1","label":"Program","type":"program","color":"#ff0000","priority":200},{"id":"b2","label":"Preview","type":"preview","color":"#00ff00","priority":50}]])");
 const QString kDevices = QStringLiteral(
     R"(["devices",[{"id":"dev1","name":"Camera 1","enabled":true},{"id":"dev2","name":"Camera 2","enabled":true},{"id":7,"name":"Numbered"}]])");
 const QString kProgram = QStringLiteral(R"(["device_states",[{"busId":"b1","deviceId":"dev1","sources":["ds1"]}]])");
@@ -31,41 +31,60 @@ void TestTallyArbiter::colours_data()
 {
     QTest::addColumn<QStringList>("messages");
     QTest::addColumn<QStringList>("colours");
-    QTest::newRow("bus colour") << QStringList{kBusOptions, kProgram} << QStringList{"#ff0000"};
+    QTest::addColumn<QVariantMap>("settings");
+    QTest::newRow("bus colour") << QStringList{kBusOptions, kProgram} << QStringList{"#ff0000"} << QVariantMap();
     QTest::newRow("first active state wins, whatever the bus kind")
         << QStringList{kBusOptions, R"(["device_states",[{"busId":"b2","sources":["s"]},{"busId":"b1","sources":["s"]}]])"}
-        << QStringList{"#00ff00"};
+        << QStringList{"#00ff00"} << QVariantMap();
     QTest::newRow("empty and missing sources are skipped")
         << QStringList{kBusOptions, R"(["device_states",[{"busId":"b2","sources":[]},{"busId":"b2"},{"busId":"b1","sources":["s"]}]])"}
-        << QStringList{"#ff0000"};
-    QTest::newRow("no states: dark") << QStringList{kBusOptions, R"(["device_states",[]])"} << QStringList{"#000000"};
-    QTest::newRow("before any bus options: dark") << QStringList{kProgram} << QStringList{"#000000"};
+        << QStringList{"#ff0000"} << QVariantMap();
+    QTest::newRow("no states: dark") << QStringList{kBusOptions, R"(["device_states",[]])"} << QStringList{"#000000"} << QVariantMap();
+    QTest::newRow("before any bus options: dark") << QStringList{kProgram} << QStringList{"#000000"} << QVariantMap();
     QTest::newRow("a later option replaces the colour")
-        << QStringList{kBusOptions, R"(["bus_options",[{"id":"b1","color":"#0000ff"}]])", kProgram} << QStringList{"#0000ff"};
-    QTest::newRow("repeated states repeat the colour") << QStringList{kBusOptions, kProgram, kProgram} << QStringList{"#ff0000", "#ff0000"};
+        << QStringList{kBusOptions, R"(["bus_options",[{"id":"b1","color":"#0000ff"}]])", kProgram} << QStringList{"#0000ff"} << QVariantMap();
+    QTest::newRow("repeated states repeat the colour") << QStringList{kBusOptions, kProgram, kProgram} << QStringList{"#ff0000", "#ff0000"} << QVariantMap();
     QString many = QStringLiteral(R"(["device_states",[)");
     while (many.size() < 1024 * 1024)
         many += QStringLiteral(R"({"busId":"b2","deviceId":"dev1","sources":[]},)");
     many += QStringLiteral(R"({"busId":"b1","sources":["s"]}]])");
-    QTest::newRow("1 MB of states") << QStringList{kBusOptions, many} << QStringList{"#ff0000"};
+    QTest::newRow("1 MB of states") << QStringList{kBusOptions, many} << QStringList{"#ff0000"} << QVariantMap();
 
     // Bad input: ignored, or skipped where one element of a list is bad.
-    QTest::newRow("number instead of the state list") << QStringList{kBusOptions, R"(["device_states",5])"} << QStringList{};
+    QTest::newRow("number instead of the state list") << QStringList{kBusOptions, R"(["device_states",5])"} << QStringList{} << QVariantMap();
     QTest::newRow("states that are not maps are skipped")
-        << QStringList{kBusOptions, R"(["device_states",[5,"x",null,{"busId":"b1","sources":["s"]}]])"} << QStringList{"#ff0000"};
+        << QStringList{kBusOptions, R"(["device_states",[5,"x",null,{"busId":"b1","sources":["s"]}]])"} << QStringList{"#ff0000"} << QVariantMap();
     QTest::newRow("map instead of a colour") << QStringList{R"(["bus_options",[{"id":"b1","color":{"r":255}}]])", kProgram}
-                                             << QStringList{"#000000"};
-    QTest::newRow("not JSON") << QStringList{kBusOptions, R"(["device_states",[{"busId":"b1")"} << QStringList{};
-    QTest::newRow("text that was not UTF-8") << QStringList{kBusOptions, QString::fromUtf8("[\"device_states\xff\",[]]")} << QStringList{};
-    QTest::newRow("empty") << QStringList{kBusOptions, ""} << QStringList{};
+                                             << QStringList{"#000000"} << QVariantMap();
+    QTest::newRow("not JSON") << QStringList{kBusOptions, R"(["device_states",[{"busId":"b1")"} << QStringList{} << QVariantMap();
+    QTest::newRow("text that was not UTF-8") << QStringList{kBusOptions, QString::fromUtf8("[\"device_states\xff\",[]]")} << QStringList{} << QVariantMap();
+    QTest::newRow("empty") << QStringList{kBusOptions, ""} << QStringList{} << QVariantMap();
     QTest::newRow("other events") << QStringList{kBusOptions, R"(["version","3.3.0"])", R"(["error","Invalid Device Id"])"}
-                                  << QStringList{};
+                                  << QStringList{} << QVariantMap();
+
+    // Settings beyond the defaults.
+    const QString both = R"(["device_states",[{"busId":"b2","deviceId":"dev1","sources":["s"]},{"busId":"b1","deviceId":"dev1","sources":["s"]}]])";
+    const QVariantMap byPriority{{"busPriority", true}}, followed{{"followReassign", true}, {"deviceId", "dev1"}};
+    QTest::newRow("busPriority: program beats preview") << QStringList{kBusOptions, both} << QStringList{"#ff0000"} << byPriority;
+    QTest::newRow("busPriority: ties keep the server's order, no priority ranks last")
+        << QStringList{kBusOptions, R"(["bus_options",[{"id":"b3","color":"#0000ff","priority":200},{"id":"b4","color":"#ffff00"}]])",
+                       R"(["device_states",[{"busId":"b4","sources":["s"]},{"busId":"b3","sources":["s"]},{"busId":"b1","sources":["s"]}]])"}
+        << QStringList{"#0000ff"} << byPriority;
+    QTest::newRow("by default another device's states count")
+        << QStringList{kBusOptions, R"(["device_states",[{"busId":"b1","deviceId":"dev2","sources":["s"]}]])"} << QStringList{"#ff0000"} << QVariantMap{};
+    QTest::newRow("followReassign: only the followed device's states, and those without a device")
+        << QStringList{kBusOptions, R"(["device_states",[{"busId":"b1","deviceId":"dev2","sources":["s"]}]])",
+                       R"(["device_states",[{"busId":"b1","deviceId":"dev2","sources":["s"]},{"busId":"b2","deviceId":"dev1","sources":[]}]])",
+                       R"(["device_states",[{"busId":"b2","sources":["s"]}]])"}
+        << QStringList{"#000000", "#00ff00"} << followed;
 }
 
 void TestTallyArbiter::colours()
 {
     QFETCH(QStringList, messages);
+    QFETCH(QVariantMap, settings);
     KestTallyArbiter node;
+    node.data.insert(settings);
     EventRecorder recorder(&node);
     for (const QString &message : messages)
         node.onNewMessage(message);

@@ -28,12 +28,10 @@ private Q_SLOTS:
         node->setName(QStringLiteral("ta"));
         node->data[QStringLiteral("port")] = server->port;
         node->data[QStringLiteral("deviceId")] = QStringLiteral("dev1");
-        recorder = std::make_unique<EventRecorder>(node.get());
     }
 
     void cleanup()
     {
-        recorder.reset();
         node.reset();
         server.reset();
     }
@@ -129,6 +127,21 @@ private Q_SLOTS:
         }
     }
 
+    // The session's own restart after silence ends it too; the dark comes once.
+    void darkOnLossWhenSilenceRestarts()
+    {
+        SioServer quick; // pings every second: silence shows after 6 s
+        START_SIO_SERVER(quick, (SioServer::Options{1000, 800}));
+        node->data.insert({{QStringLiteral("port"), quick.port}, {QStringLiteral("darkOnLoss"), true}});
+        EventRecorder recorder(node.get());
+        node->start();
+        QTRY_COMPARE_WITH_TIMEOUT(registrations(quick), 1, 10000);
+        quick.pause();
+        QTRY_COMPARE_WITH_TIMEOUT(recorder.colours(), QStringList{"#000000"}, 10000);
+        QTRY_COMPARE(client()->getState(), QStringLiteral("opening")); // restarted, not closed
+        QCOMPARE(recorder.colours(), QStringList{"#000000"});
+    }
+
     // A WebSocket upgrade that is never answered must not leave the listener waiting for ever.
     void hungUpgradeIsRetried()
     {
@@ -152,7 +165,6 @@ private:
 
     std::unique_ptr<SioServer> server;
     std::unique_ptr<KestTallyArbiter> node;
-    std::unique_ptr<EventRecorder> recorder;
 };
 
 void TestTallyArbiterSession::registersAndFollowsTheServer()
@@ -165,27 +177,14 @@ void TestTallyArbiterSession::registersAndFollowsTheServer()
                           R"(engine_packet_in:message:2["bus_options"])",
                           R"(engine_packet_in:message:2["listenerclient_connect",{"canBeFlashed":true,"canBeReassigned":true,"deviceId":"dev1","listenerType":"Encoder","supportsChat":true}])"}));
 
-    const QJsonArray options = QJsonDocument::fromJson(R"([{"id":"b_pvw","type":"preview","color":"#00ff00"},{"id":"b_pgm","type":"program","color":"#ff0000"}])").array();
-    QVERIFY(server->emitEvent(QStringLiteral("bus_options"), {options}));
-    const QJsonArray states = QJsonDocument::fromJson(R"([{"busId":"b_pvw","deviceId":"dev1","sources":[]},{"busId":"b_pgm","deviceId":"dev1","sources":["ds1"]}])").array();
-    QVERIFY(server->emitEvent(QStringLiteral("device_states"), {states}));
-    QTRY_COMPARE(recorder->colours(), QStringList{"#ff0000"});
-
-    // Reassigned: announced to the host and the server, the device list asked for again, a flash.
-    const QJsonArray devices = QJsonDocument::fromJson(R"([{"id":"dev1","name":"Camera 1"},{"id":"dev2","name":"Camera 2"}])").array();
-    QVERIFY(server->emitEvent(QStringLiteral("devices"), {devices}));
-    QTRY_COMPARE(node->getDevices().toList().size(), 2);
-    recorder->events.clear();
+    // Reassigned: the server is told, and the device list asked for again; nothing else by
+    // default. (What the host sees is tested against the real server.)
     QVERIFY(server->emitEvent(QStringLiteral("reassign"), {"dev1", "dev2", "4f1c"}));
-    QTRY_COMPARE(recorder->values(QStringLiteral("TA_reassign")),
-                 (QVariantList{QVariantMap{{QStringLiteral("deviceId"), QStringLiteral("dev2")}, {QStringLiteral("deviceName"), QStringLiteral("Camera 2")}}}));
-    QCOMPARE(node->data.value(QStringLiteral("deviceId")), QVariant("dev2"));
     QTRY_COMPARE(server->events().size(), 6);
+    QCOMPARE(node->data.value(QStringLiteral("deviceId")), QVariant("dev2"));
     QCOMPARE(server->events().at(5).toString(), QStringLiteral("devices"));
     QCOMPARE(server->events(QStringLiteral("listener_reassign_object")),
              (QJsonArray{QJsonArray{QJsonObject{{"oldDeviceId", "dev1"}, {"newDeviceId", "dev2"}}}}));
-    QTRY_COMPARE_WITH_TIMEOUT(recorder->colours().size(), 10, 5000);
-    QVERIFY2(recorder->flashFault().isEmpty(), qPrintable(recorder->flashFault()));
 }
 
 QTEST_GUILESS_MAIN(TestTallyArbiterSession)
