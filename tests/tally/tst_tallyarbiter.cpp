@@ -43,6 +43,8 @@ void TestTallyArbiter::colours_data()
     QTest::newRow("before any bus options: dark") << QStringList{kProgram} << QStringList{"#000000"} << QVariantMap();
     QTest::newRow("a later option replaces the colour")
         << QStringList{kBusOptions, R"(["bus_options",[{"id":"b1","color":"#0000ff"}]])", kProgram} << QStringList{"#0000ff"} << QVariantMap();
+    QTest::newRow("repeated key: the last value") << QStringList{kBusOptions, R"(["device_states",[{"busId":[1],"busId":"b1","sources":["s"]}]])"}
+                                                  << QStringList{"#ff0000"} << QVariantMap();
     QTest::newRow("repeated states repeat the colour") << QStringList{kBusOptions, kProgram, kProgram} << QStringList{"#ff0000", "#ff0000"} << QVariantMap();
     QString many = QStringLiteral(R"(["device_states",[)");
     while (many.size() < 1024 * 1024)
