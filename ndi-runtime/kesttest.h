@@ -19,6 +19,13 @@ const char *kesttest_machine_name(void);
 enum kesttest_kind_e { KESTTEST_SENDER = 1, KESTTEST_RECEIVER = 2 };
 // The next `count` creations of that kind return NULL. 0 cancels.
 void kesttest_fail_next_creates(int kind, int count);
+// Senders created from now on run on another machine (NULL: this one again): they are listed
+// as machine + " (name)", also by finders that do not show local sources.
+void kesttest_set_sender_machine(const char *machine);
+// How video starts for a receiver that connects to a sender between two key frames: false
+// (the default) from the next frame on, key frame or not; true from the next key frame of its
+// stream on. Nobody knows which the vendor's runtime does; receivers must cope with both.
+void kesttest_set_join_at_key_frame(bool hold);
 
 // --- senders -------------------------------------------------------------------------------
 // Live senders in creation order; index out of range: NULL.
@@ -35,13 +42,17 @@ typedef struct kesttest_sender_info_t {
     int no_connections;
     NDIlib_tally_t tally; // what NDIlib_send_get_tally would report now
     int no_connection_metadata;
-    int64_t video_frames; // accepted
+    int64_t video_frames, audio_frames; // accepted
+    // Frames that broke a documented rule and were dropped, and the rule the last one broke
+    // (NULL: none); each recorded frame names its own in p_drop_reason.
+    int64_t dropped_frames;
+    const char *p_last_drop_reason;
 } kesttest_sender_info_t;
 bool kesttest_sender_info(NDIlib_send_instance_t sender, kesttest_sender_info_t *out);
 // The text of NDIlib_send_add_connection_metadata call `index`; NULL when out of range.
 const char *kesttest_sender_connection_metadata(NDIlib_send_instance_t sender, int index);
 
-// The frames a sender was given, in order (see kesttest_set_sent_frame_limit).
+// The frames a sender was given, in order, also those it dropped (see kesttest_set_sent_frame_limit).
 typedef struct kesttest_sent_frame_t {
     NDIlib_frame_type_e type;      // video or audio
     NDIlib_video_frame_v2_t video; // as passed, without p_metadata
@@ -65,6 +76,12 @@ typedef struct kesttest_receiver_info_t {
     const char *p_source_name; // asked for at creation or with NDIlib_recv_connect; NULL: none
     bool created_with_config;  // NDIlib_recv_create_v4 (Advanced)
     const char *p_config;
+    // As passed at creation. A colour format that does not pass a codec through gets its
+    // frames decoded: video as UYVY (BGRX, RGBX for those formats), audio as FLTP.
+    NDIlib_recv_color_format_e color_format;
+    NDIlib_recv_bandwidth_e bandwidth;
+    bool allow_video_fields;
+    const char *p_ndi_recv_name;
     bool connected;            // to a live sender of that name
     int queued_frames;         // waiting for NDIlib_recv_capture_v3
     int outstanding_frames;    // captured and not yet freed
@@ -81,7 +98,16 @@ bool kesttest_receiver_inject_audio(NDIlib_recv_instance_t receiver, const NDIli
 bool kesttest_receiver_inject(NDIlib_recv_instance_t receiver, NDIlib_frame_type_e type);
 
 // --- finders -------------------------------------------------------------------------------
+// A finder lists the senders that share one of its groups (case aside; NULL or "" is
+// "public"), those of this machine only when it shows local sources.
 int kesttest_finder_count(void);
+NDIlib_find_instance_t kesttest_finder_at(int index);
+typedef struct kesttest_finder_info_t {
+    bool show_local_sources; // as passed at creation, or the defaults for NULL settings
+    const char *p_groups;
+    const char *p_extra_ips;
+} kesttest_finder_info_t;
+bool kesttest_finder_info(NDIlib_find_instance_t finder, kesttest_finder_info_t *out);
 int kesttest_finders_created(void);
 int kesttest_source_queries(void); // NDIlib_find_get_current_sources calls so far
 
@@ -96,12 +122,15 @@ NDIlib_frame_type_e NDIlib_recv_capture_v3(NDIlib_recv_instance_t p_instance, ND
                                            NDIlib_audio_frame_v3_t *p_audio_data, NDIlib_metadata_frame_t *p_metadata,
                                            uint32_t timeout_in_ms);
 void NDIlib_recv_free_video_v2(NDIlib_recv_instance_t p_instance, const NDIlib_video_frame_v2_t *p_video_data);
+void NDIlib_recv_free_audio_v3(NDIlib_recv_instance_t p_instance, const NDIlib_audio_frame_v3_t *p_audio_data);
 bool NDIlib_recv_set_tally(NDIlib_recv_instance_t p_instance, const NDIlib_tally_t *p_tally);
 void NDIlib_send_destroy(NDIlib_send_instance_t p_instance);
 // Advanced SDK: not in the standard runtime.
 NDIlib_send_instance_t NDIlib_send_create_v2(const NDIlib_send_create_t *p_create_settings, const char *p_config_data);
 void NDIlib_send_send_video_scatter(NDIlib_send_instance_t p_instance, const NDIlib_video_frame_v2_t *p_video_data,
                                     const NDIlib_frame_scatter_t *p_video_scatter);
+void NDIlib_send_send_audio_scatter(NDIlib_send_instance_t p_instance, const NDIlib_audio_frame_v3_t *p_audio_data,
+                                    const NDIlib_frame_scatter_t *p_audio_scatter);
 
 #ifdef __cplusplus
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -59,19 +60,25 @@ struct Sender
     std::string ndiName, sourceName; // sourceName: "MACHINE (name)"
     Text groups, config;
     bool withConfig = false, clockVideo = false, clockAudio = false;
+    bool local = true; // on this machine
     std::vector<Receiver *> receivers;
     std::vector<std::string> metadata;
     NDIlib_tally_t reported{};
     bool keyframeHigh = false, keyframeLow = false;
-    int64_t videoFrames = 0;
+    int64_t videoFrames = 0, audioFrames = 0, droppedFrames = 0;
+    const char *lastDropReason = nullptr;
     std::deque<std::unique_ptr<Sent>> sent;
 };
 
 struct Receiver
 {
-    Text wanted, config;
+    Text wanted, config, recvName;
     bool withConfig = false;
+    // The runtime's defaults, for a NULL settings pointer.
+    NDIlib_recv_color_format_e colorFormat = NDIlib_recv_color_format_UYVY_BGRA;
     NDIlib_recv_bandwidth_e bandwidth = NDIlib_recv_bandwidth_highest;
+    bool allowFields = true;
+    bool waitingForKey = false; // joined at a time the sender was between key frames
     Sender *sender = nullptr;
     NDIlib_tally_t tally{};
     std::deque<std::unique_ptr<Frame>> queue;
@@ -81,6 +88,8 @@ struct Receiver
 
 struct Finder
 {
+    bool showLocal = true;
+    Text groups, extraIps;
     // The last list handed out, kept until the next query or the finder's destruction.
     std::vector<std::string> names;
     std::vector<NDIlib_source_t> sources;
@@ -101,9 +110,11 @@ struct Network
     std::vector<std::unique_ptr<Receiver>> receivers;
     std::vector<std::unique_ptr<Finder>> finders;
     std::string machine;
+    std::string senderMachine; // of senders created from now on; empty: this machine
     int sendersCreated = 0, findersCreated = 0, sourceQueries = 0;
     int failNext[3] = {0, 0, 0};
     int sentFrameLimit = -1;
+    bool joinAtKeyFrame = false;
 };
 
 // Never destroyed: instances may be used until the very end of the process.
@@ -177,6 +188,83 @@ uint32_t packetCodec(uint32_t fourcc, bool video)
     }
 }
 
+// Whether a receiver of this colour format gets packets of this codec as they were sent. The
+// others get them decoded: video in the format's colours, audio as floating-point planes.
+bool passedThrough(NDIlib_recv_color_format_e format, uint32_t codec)
+{
+    const bool h264 = codec == NDIlib_compressed_FourCC_type_H264, hevc = codec == NDIlib_compressed_FourCC_type_HEVC;
+    switch (format) {
+    case NDIlib_recv_color_format_compressed_v3: return h264;
+    case NDIlib_recv_color_format_compressed_v4:
+    case NDIlib_recv_color_format_compressed_v5: return h264 || hevc;
+    case NDIlib_recv_color_format_compressed_v3_with_audio: return !hevc;
+    case NDIlib_recv_color_format_compressed_v4_with_audio:
+    case NDIlib_recv_color_format_compressed_v5_with_audio: return true;
+    default: return false;
+    }
+}
+
+// A decoded frame as the runtime would deliver it. The pictures and the sound cannot be
+// decoded here, so they are blank; format and sizes are what a receiver must cope with.
+std::unique_ptr<Frame> decodedFrame(const NDIlib_video_frame_v2_t *video, const NDIlib_audio_frame_v3_t *audio,
+                                    NDIlib_recv_color_format_e format)
+{
+    auto f = std::make_unique<Frame>();
+    size_t size = 0;
+    if (video) {
+        f->type = NDIlib_frame_type_video;
+        f->video = *video;
+        const bool rgb = format == NDIlib_recv_color_format_BGRX_BGRA || format == NDIlib_recv_color_format_RGBX_RGBA;
+        f->video.FourCC = format == NDIlib_recv_color_format_BGRX_BGRA   ? NDIlib_FourCC_video_type_BGRX
+                          : format == NDIlib_recv_color_format_RGBX_RGBA ? NDIlib_FourCC_video_type_RGBX
+                                                                         : NDIlib_FourCC_video_type_UYVY;
+        f->video.line_stride_in_bytes = video->xres * (rgb ? 4 : 2);
+        size = size_t(f->video.line_stride_in_bytes) * size_t(video->yres);
+    } else {
+        f->type = NDIlib_frame_type_audio;
+        f->audio = *audio;
+        f->audio.FourCC = NDIlib_FourCC_audio_type_FLTP;
+        f->audio.channel_stride_in_bytes = audio->no_samples * int(sizeof(float));
+        size = size_t(f->audio.channel_stride_in_bytes) * size_t(audio->no_channels);
+    }
+    f->payload.reset(new uint8_t[size]());
+    f->video.p_data = f->audio.p_data = f->payload.get();
+    f->video.p_metadata = f->audio.p_metadata = nullptr;
+    return f;
+}
+
+// A comma-separated group list as names without case; NULL or no name at all: "public".
+std::vector<std::string> groupNames(const Text &groups)
+{
+    std::vector<std::string> names;
+    size_t start = 0;
+    const std::string &text = groups.text;
+    while (start <= text.size()) {
+        const size_t end = std::min(text.find(',', start), text.size());
+        std::string name = text.substr(start, end - start);
+        name.erase(0, name.find_first_not_of(' '));
+        name.erase(name.find_last_not_of(' ') + 1);
+        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return char(std::tolower(c)); });
+        if (!name.empty())
+            names.push_back(name);
+        start = end + 1;
+    }
+    if (names.empty())
+        names.push_back("public");
+    return names;
+}
+
+// A finder lists a sender when they share a group, and a sender on this machine only when
+// the finder shows local sources.
+bool lists(const Finder &f, const Sender &s)
+{
+    if (s.local && !f.showLocal)
+        return false;
+    const std::vector<std::string> mine = groupNames(f.groups), theirs = groupNames(s.groups);
+    return std::any_of(mine.begin(), mine.end(),
+                       [&](const std::string &g) { return std::find(theirs.begin(), theirs.end(), g) != theirs.end(); });
+}
+
 std::unique_ptr<Frame> makeFrame(const NDIlib_video_frame_v2_t *video, const NDIlib_audio_frame_v3_t *audio,
                                  const uint8_t *data, int size)
 {
@@ -202,8 +290,10 @@ void attach(Receiver &r, Sender &s)
 {
     r.sender = &s;
     s.receivers.push_back(&r);
-    // A new viewer cannot decode until the next key frame of the stream it watches.
+    // A new viewer cannot decode until the next key frame of the stream it watches; in one
+    // test mode the runtime holds its video back until then.
     (r.bandwidth == NDIlib_recv_bandwidth_lowest ? s.keyframeLow : s.keyframeHigh) = true;
+    r.waitingForKey = net().joinAtKeyFrame;
 }
 
 void detach(Receiver &r, bool lost)
@@ -247,65 +337,127 @@ NDIlib_tally_t tallyOf(const Sender &s)
     return tally;
 }
 
-// A compressed frame as scatter blocks: the packet header must lie in the first block, and
-// header, data and extra data must fill the blocks exactly; else the frame is dropped. Only
-// the Advanced SDK sends compressed frames.
+// The gathered scatter list of a frame.
+struct Scatter
+{
+    int blocks = 0;
+    int64_t total = 0;
+    NDIlib_compressed_packet_t header{};
+};
+
+constexpr int kMaxPictureSide = 8192;
+constexpr uint32_t kMinAudioSpecificConfigBytes = 2;
+
+// The first documented rule a compressed frame breaks; NULL when it keeps them all. The
+// packet header must lie in the first block, and header, data and extra data must fill the
+// blocks exactly. Extra data (the parameter sets) comes with every key frame and with no other
+// frame; every AAC packet is a key frame and carries its AudioSpecificConfig. The description
+// must be one a receiver can use: a picture size, a frame rate, an aspect ratio, progressive
+// pictures; a sample rate, channels and samples.
+const char *brokenRule(const NDIlib_video_frame_v2_t *video, const NDIlib_audio_frame_v3_t *audio,
+                       const NDIlib_frame_scatter_t *scatter, Scatter &out)
+{
+    if (!scatter || !scatter->p_data_blocks || !scatter->p_data_blocks_size || !scatter->p_data_blocks[0])
+        return "the scatter list has no blocks";
+    for (; scatter->p_data_blocks[out.blocks]; ++out.blocks)
+        out.total += std::max(scatter->p_data_blocks_size[out.blocks], 0);
+    if (scatter->p_data_blocks_size[0] < int(sizeof(out.header)))
+        return "the compressed packet header is not inside the first block";
+    std::memcpy(&out.header, scatter->p_data_blocks[0], sizeof(out.header));
+    const NDIlib_compressed_packet_t &h = out.header;
+    const uint32_t codec = packetCodec(video ? uint32_t(video->FourCC) : uint32_t(audio->FourCC), video != nullptr);
+    if (!codec)
+        return "the FourCC is not one of a compressed packet";
+    if (h.version < NDIlib_compressed_packet_version_0)
+        return "the compressed packet header version is too small";
+    if (uint32_t(h.fourCC) != codec)
+        return "the compressed packet codec does not match the frame's FourCC";
+    if (int64_t(h.version) + h.data_size + h.extra_data_size != out.total)
+        return "header, data and extra data do not add up to the frame";
+    const bool key = h.flags & NDIlib_compressed_packet_flags_keyframe;
+    if (!video) {
+        if (!key)
+            return "an AAC packet is not flagged as a key frame";
+        if (h.extra_data_size < kMinAudioSpecificConfigBytes)
+            return "an AAC packet carries no AudioSpecificConfig as extra data";
+        if (audio->sample_rate <= 0 || audio->no_channels <= 0 || audio->no_samples <= 0)
+            return "the sample rate, channel count or samples per frame is not positive";
+        return nullptr;
+    }
+    if (key && h.extra_data_size == 0)
+        return "a key frame carries no extra data (its parameter sets)";
+    if (!key && h.extra_data_size != 0)
+        return "a frame that is not a key frame carries extra data";
+    if (video->xres <= 0 || video->yres <= 0 || video->xres > kMaxPictureSide || video->yres > kMaxPictureSide)
+        return "the picture size xres by yres is not between 1 and 8192 a side";
+    if (video->frame_rate_N <= 0 || video->frame_rate_D <= 0)
+        return "the frame rate N/D is not a positive fraction";
+    if (!std::isfinite(video->picture_aspect_ratio) || video->picture_aspect_ratio < 0)
+        return "the picture aspect ratio is negative or not a number";
+    if (video->frame_format_type != NDIlib_frame_format_type_progressive)
+        return "compressed video is not progressive";
+    return nullptr;
+}
+
+// A frame that breaks a rule is dropped and counted, as the vendor's runtime drops it.
 [[maybe_unused]] void send(Sender &s, const NDIlib_video_frame_v2_t *video, const NDIlib_audio_frame_v3_t *audio,
                            const NDIlib_frame_scatter_t *scatter)
 {
     const bool isVideo = video != nullptr;
     const uint32_t fourcc = isVideo ? uint32_t(video->FourCC) : uint32_t(audio->FourCC);
-    const char *reason = nullptr;
-    int blockCount = 0;
-    int64_t total = 0;
-    if (!scatter || !scatter->p_data_blocks || !scatter->p_data_blocks_size || !scatter->p_data_blocks[0])
-        reason = "the scatter list has no blocks";
-    for (; !reason && scatter->p_data_blocks[blockCount]; ++blockCount)
-        total += std::max(scatter->p_data_blocks_size[blockCount], 0);
-    NDIlib_compressed_packet_t header{};
-    if (!reason && scatter->p_data_blocks_size[0] < int(sizeof(header))) {
-        reason = "the compressed packet header is not inside the first block";
-    } else if (!reason) {
-        std::memcpy(&header, scatter->p_data_blocks[0], sizeof(header));
-        if (!packetCodec(fourcc, isVideo))
-            reason = "the FourCC is not one of a compressed packet";
-        else if (header.version < NDIlib_compressed_packet_version_0)
-            reason = "the compressed packet header version is too small";
-        else if (uint32_t(header.fourCC) != packetCodec(fourcc, isVideo))
-            reason = "the compressed packet codec does not match the frame's FourCC";
-        else if (int64_t(header.version) + header.data_size + header.extra_data_size != total)
-            reason = "header, data and extra data do not add up to the frame";
-    }
-    if (!reason && isVideo) {
+    Scatter blocks;
+    const char *reason = brokenRule(video, audio, scatter, blocks);
+    const bool key = blocks.header.flags & NDIlib_compressed_packet_flags_keyframe;
+    if (reason) {
+        ++s.droppedFrames;
+        s.lastDropReason = reason;
+    } else if (isVideo) {
         ++s.videoFrames;
-        if (header.flags & NDIlib_compressed_packet_flags_keyframe)
+        if (key)
             (isLower(fourcc) ? s.keyframeLow : s.keyframeHigh) = false;
+    } else {
+        ++s.audioFrames;
     }
 
-    // Video goes to the receivers of its bandwidth, audio to all. The bytes are gathered only
-    // when someone looks at them: a send with nobody watching costs no copy and no allocation.
-    const auto takes = [&](const Receiver *r) { return !isVideo || isLower(fourcc) == (r->bandwidth == NDIlib_recv_bandwidth_lowest); };
-    const bool anyTarget = !reason && std::any_of(s.receivers.begin(), s.receivers.end(), takes);
-    const bool record = net().sentFrameLimit != 0;
-    if (!anyTarget && !record)
-        return;
+    // Video goes to the receivers of its bandwidth, audio to all but those of metadata only.
+    // The bytes are gathered only when someone looks at them: a send with nobody watching costs
+    // no copy and no allocation.
     std::vector<uint8_t> bytes;
-    bytes.reserve(size_t(total));
-    for (int i = 0; i < blockCount; ++i)
-        bytes.insert(bytes.end(), scatter->p_data_blocks[i], scatter->p_data_blocks[i] + std::max(scatter->p_data_blocks_size[i], 0));
+    const auto gather = [&] {
+        if (!bytes.empty() || blocks.total == 0)
+            return;
+        bytes.reserve(size_t(blocks.total));
+        for (int i = 0; i < blocks.blocks; ++i)
+            bytes.insert(bytes.end(), scatter->p_data_blocks[i], scatter->p_data_blocks[i] + std::max(scatter->p_data_blocks_size[i], 0));
+    };
+    const auto takes = [&](const Receiver &r) {
+        if (r.bandwidth == NDIlib_recv_bandwidth_metadata_only)
+            return false;
+        if (!isVideo)
+            return true;
+        return r.bandwidth != NDIlib_recv_bandwidth_audio_only && isLower(fourcc) == (r.bandwidth == NDIlib_recv_bandwidth_lowest);
+    };
     for (Receiver *r : s.receivers) {
-        if (!anyTarget || !takes(r))
+        if (reason || !takes(*r) || (isVideo && r->waitingForKey && !key))
             continue;
+        if (isVideo)
+            r->waitingForKey = false;
+        if (!passedThrough(r->colorFormat, blocks.header.fourCC)) {
+            r->queue.push_back(decodedFrame(video, audio, r->colorFormat));
+            continue;
+        }
+        gather();
         auto f = makeFrame(video, audio, bytes.data(), int(bytes.size()));
         (isVideo ? f->video.data_size_in_bytes : f->audio.data_size_in_bytes) = int(bytes.size());
         r->queue.push_back(std::move(f));
     }
-    if (!record)
+    if (net().sentFrameLimit == 0)
         return;
+    gather();
     auto rec = std::make_unique<Sent>();
     rec->bytes = std::move(bytes);
-    if (blockCount > 0)
-        rec->blocks.assign(scatter->p_data_blocks, scatter->p_data_blocks + blockCount);
+    if (blocks.blocks > 0)
+        rec->blocks.assign(scatter->p_data_blocks, scatter->p_data_blocks + blocks.blocks);
     kesttest_sent_frame_t &info = rec->info;
     info.type = isVideo ? NDIlib_frame_type_video : NDIlib_frame_type_audio;
     info.video = isVideo ? *video : NDIlib_video_frame_v2_t{};
@@ -314,7 +466,7 @@ NDIlib_tally_t tallyOf(const Sender &s)
     info.p_drop_reason = reason;
     info.p_bytes = rec->bytes.data();
     info.no_bytes = int(rec->bytes.size());
-    info.no_blocks = blockCount;
+    info.no_blocks = blocks.blocks;
     info.p_blocks = rec->blocks.data();
     s.sent.push_back(std::move(rec));
     while (net().sentFrameLimit > 0 && int(s.sent.size()) > net().sentFrameLimit)
@@ -329,7 +481,8 @@ NDIlib_send_instance_t createSender(const NDIlib_send_create_t *settings, const 
         return nullptr;
     auto s = std::make_unique<Sender>();
     s->ndiName = settings->p_ndi_name;
-    s->sourceName = n->machine + " (" + s->ndiName + ")";
+    s->local = n->senderMachine.empty();
+    s->sourceName = (s->local ? n->machine : n->senderMachine) + " (" + s->ndiName + ")";
     s->groups = Text(settings->p_groups);
     s->config = Text(config);
     s->withConfig = withConfig;
@@ -351,7 +504,10 @@ NDIlib_recv_instance_t createReceiver(const NDIlib_recv_create_v3_t *settings, c
     r.config = Text(config);
     r.withConfig = withConfig;
     if (settings) {
+        r.colorFormat = settings->color_format;
         r.bandwidth = settings->bandwidth;
+        r.allowFields = settings->allow_video_fields;
+        r.recvName = Text(settings->p_ndi_recv_name);
         connect(r, settings->source_to_connect_to.p_ndi_name);
     }
     return reinterpret_cast<NDIlib_recv_instance_t>(&r);
@@ -380,11 +536,15 @@ KESTTEST_EXPORT bool NDIlib_initialize(void)
     return true;
 }
 
-KESTTEST_EXPORT NDIlib_find_instance_t NDIlib_find_create_v2(const NDIlib_find_create_t *)
+KESTTEST_EXPORT NDIlib_find_instance_t NDIlib_find_create_v2(const NDIlib_find_create_t *p_create_settings)
 {
-    // Groups and show_local_sources are not modelled: every finder lists every sender.
     Locked n;
     n->finders.push_back(std::make_unique<Finder>());
+    if (p_create_settings) {
+        n->finders.back()->showLocal = p_create_settings->show_local_sources;
+        n->finders.back()->groups = Text(p_create_settings->p_groups);
+        n->finders.back()->extraIps = Text(p_create_settings->p_extra_ips);
+    }
     ++n->findersCreated;
     return reinterpret_cast<NDIlib_find_instance_t>(n->finders.back().get());
 }
@@ -408,7 +568,8 @@ KESTTEST_EXPORT const NDIlib_source_t *NDIlib_find_get_current_sources(NDIlib_fi
     // A fresh list every time: the previous one is released, as the runtime documents.
     std::vector<std::string> names;
     for (const auto &s : n->senders)
-        names.push_back(s->sourceName);
+        if (lists(*f, *s))
+            names.push_back(s->sourceName);
     f->names = std::move(names);
     std::vector<NDIlib_source_t> sources;
     for (const std::string &name : f->names)
@@ -618,6 +779,18 @@ KESTTEST_EXPORT const char *kesttest_machine_name(void)
     return net().machine.c_str();
 }
 
+KESTTEST_EXPORT void kesttest_set_sender_machine(const char *machine)
+{
+    Locked n;
+    n->senderMachine = machine && n->machine != machine ? machine : "";
+}
+
+KESTTEST_EXPORT void kesttest_set_join_at_key_frame(bool hold)
+{
+    Locked n;
+    n->joinAtKeyFrame = hold;
+}
+
 KESTTEST_EXPORT void kesttest_fail_next_creates(int kind, int count)
 {
     Locked n;
@@ -650,7 +823,8 @@ KESTTEST_EXPORT bool kesttest_sender_info(NDIlib_send_instance_t sender, kesttes
     if (!s || !out)
         return false;
     *out = {s->ndiName.c_str(), s->groups.get(), s->withConfig, s->config.get(), s->clockVideo, s->clockAudio,
-            int(s->receivers.size()), tallyOf(*s), int(s->metadata.size()), s->videoFrames};
+            int(s->receivers.size()), tallyOf(*s), int(s->metadata.size()), s->videoFrames, s->audioFrames,
+            s->droppedFrames, s->lastDropReason};
     return true;
 }
 
@@ -702,8 +876,8 @@ KESTTEST_EXPORT bool kesttest_receiver_info(NDIlib_recv_instance_t receiver, kes
     const Receiver *r = lookup(n->receivers, receiver);
     if (!r || !out)
         return false;
-    *out = {r->wanted.get(), r->withConfig, r->config.get(), r->sender != nullptr,
-            int(r->queue.size()), int(r->outstanding.size()), r->badFrees};
+    *out = {r->wanted.get(), r->withConfig, r->config.get(), r->colorFormat, r->bandwidth, r->allowFields,
+            r->recvName.get(), r->sender != nullptr, int(r->queue.size()), int(r->outstanding.size()), r->badFrees};
     return true;
 }
 
@@ -732,6 +906,22 @@ KESTTEST_EXPORT int kesttest_finder_count(void)
 {
     Locked n;
     return int(n->finders.size());
+}
+
+KESTTEST_EXPORT NDIlib_find_instance_t kesttest_finder_at(int index)
+{
+    Locked n;
+    return at<Finder, NDIlib_find_instance_t>(n->finders, index);
+}
+
+KESTTEST_EXPORT bool kesttest_finder_info(NDIlib_find_instance_t finder, kesttest_finder_info_t *out)
+{
+    Locked n;
+    const Finder *f = lookup(n->finders, finder);
+    if (!f || !out)
+        return false;
+    *out = {f->showLocal, f->groups.get(), f->extraIps.get()};
+    return true;
 }
 
 KESTTEST_EXPORT int kesttest_finders_created(void)

@@ -370,6 +370,12 @@ void KestNDIRecv::takeCompressedVideo(const NDIlib_video_frame_v2_t &frame)
         nodeLog(this) << "video frame dropped:" << packet.problem;
         return;
     }
+    // A decoder starts at a key frame, with the parameter sets that come with it: what arrives
+    // before the first one (a connection made between two key frames) could not be decoded,
+    // so it is dropped and the description waits for the key frame.
+    const bool key = (packet.header.flags & NDIlib_compressed_packet_flags_keyframe) || packet.extraSize > 0;
+    if (!videoDescribed && !key)
+        return;
     const qint64 pts = rebase(packet.header.pts / kNdiUnitsPerUs, videoStart, videoLast, audioStart, audioLast);
     Packet pkt = packetOf(packet.payload, packet.payloadSize, kCopyHeadroom, pts, 0);
     if (!pkt.data)

@@ -18,7 +18,8 @@ struct NdiFunctions;
 // All receivers of the process share one NDI finder and its list of sources, refreshed every
 // 2 s by the receiver that owns the shared timer. Each receiver drains its NDI receiver every
 // 10 ms without waiting. Audio and video share one time line that starts at 0 with the first
-// frame of either kind after a connection.
+// frame of either kind after a connection. Video starts at the connection's first key frame,
+// whose parameter sets go into the description.
 //
 // Settings:
 //   "name"    (string, absent)                 source to receive, as getList() lists it

@@ -11,8 +11,22 @@
 
 namespace {
 
-const char kRuntimeFile[] = "libndi.so.5";
-const char kRuntimeDirVariable[] = "NDI_RUNTIME_DIR_V5";
+// Where the runtime is looked for, in order. NDI 6 keeps the version 5 functions, so it serves
+// when no version 5 runtime is installed; its Advanced build has a file name of its own.
+struct Candidate
+{
+    const char *dirVariable; // nullptr: the dynamic loader's search path
+    const char *file;
+};
+const Candidate kCandidates[] = {
+    {"NDI_RUNTIME_DIR_V5", "libndi.so.5"},
+    {nullptr, "libndi.so.5"},
+    {"NDI_RUNTIME_DIR_V6", "libndi_advanced.so.6"},
+    {"NDI_RUNTIME_DIR_V6", "libndi.so.6"},
+    {nullptr, "libndi_advanced.so.6"},
+    {nullptr, "libndi.so.6"},
+};
+const char kFirstChoice[] = "libndi.so.5";
 
 template <typename F>
 bool bind(void *handle, const char *name, F &slot, QStringList &missing)
@@ -41,51 +55,58 @@ const NdiRuntime &NdiRuntime::instance()
 NdiRuntime::NdiRuntime()
 {
     QStringList tried;
-    void *handle = nullptr;
-    const QString dir = QFile::decodeName(qgetenv(kRuntimeDirVariable));
-    if (!dir.isEmpty()) {
-        const QString path = QDir(dir).filePath(QString::fromLatin1(kRuntimeFile));
-        handle = ::dlopen(QFile::encodeName(path).constData(), RTLD_NOW | RTLD_LOCAL);
-        if (handle)
-            loadedFrom = path;
-        else
+    for (const Candidate &candidate : kCandidates) {
+        QString path = QString::fromLatin1(candidate.file);
+        if (candidate.dirVariable) {
+            const QString dir = QFile::decodeName(qgetenv(candidate.dirVariable));
+            if (dir.isEmpty()) {
+                const QString unset = QStringLiteral("%1 is not set").arg(QLatin1String(candidate.dirVariable));
+                if (!tried.contains(unset))
+                    tried << unset;
+                continue;
+            }
+            path = QDir(dir).filePath(path);
+        }
+        void *handle = ::dlopen(QFile::encodeName(path).constData(), RTLD_NOW | RTLD_LOCAL);
+        if (!handle) {
             tried << lastDlError();
-    } else {
-        tried << QStringLiteral("%1 is not set").arg(QLatin1String(kRuntimeDirVariable));
-    }
-    if (!handle) {
-        handle = ::dlopen(kRuntimeFile, RTLD_NOW | RTLD_LOCAL);
-        if (handle)
-            loadedFrom = QString::fromLatin1(kRuntimeFile);
-        else
-            tried << lastDlError();
-    }
-    if (!handle) {
-        problemLine = QStringLiteral("NDI unavailable: cannot load %1 (%2)")
-                          .arg(QLatin1String(kRuntimeFile), tried.join(QStringLiteral("; ")));
-        return;
-    }
-    available = resolve(handle);
-    if (!available) {
-        problemLine = QStringLiteral("NDI unavailable: %1 lacks %2").arg(loadedFrom, missing.join(QStringLiteral(", ")));
+            continue;
+        }
+        loadedFrom = path;
+        missing.clear();
+        if (resolve(handle)) {
+            available = true;
+            break;
+        }
+        // Not an NDI runtime after all: the next candidate may be one.
+        tried << QStringLiteral("%1 lacks %2").arg(path, missing.join(QStringLiteral(", ")));
         fns = {};
-        loadedFrom.clear();
         ::dlclose(handle);
+    }
+    if (!available) {
+        loadedFrom.clear();
+        missing.clear();
+        problemLine = QStringLiteral("NDI unavailable: cannot load libndi.so.5 or libndi.so.6 (%1)").arg(tried.join(QStringLiteral("; ")));
         return;
     }
-    if (missing.isEmpty())
-        return;
 
+    QStringList notes;
+    if (!loadedFrom.endsWith(QLatin1String(kFirstChoice)))
+        notes << QStringLiteral("NDI runtime %1 in use through its version 5 functions, as no version 5 runtime was found (%2)")
+                     .arg(loadedFrom, tried.join(QStringLiteral("; ")));
     // A runtime without the Advanced SDK still serves whatever does not depend on it.
-    QStringList effects;
-    if (!fns.send_create_v2 || !fns.recv_create_v4)
-        effects << QStringLiteral("the configuration file is not passed");
-    if (!fns.send_is_keyframe_required)
-        effects << QStringLiteral("key frames are not requested");
-    if (!fns.send_send_video_scatter || !fns.send_send_audio_scatter)
-        effects << QStringLiteral("compressed video and audio are not sent");
-    problemLine = QStringLiteral("NDI runtime %1 lacks the Advanced SDK functions %2: %3")
-                      .arg(loadedFrom, missing.join(QStringLiteral(", ")), effects.join(QStringLiteral(", ")));
+    if (!missing.isEmpty()) {
+        QStringList effects;
+        if (!fns.send_create_v2 || !fns.recv_create_v4)
+            effects << QStringLiteral("the configuration file is not passed");
+        if (!fns.send_is_keyframe_required)
+            effects << QStringLiteral("key frames are not requested");
+        if (!fns.send_send_video_scatter || !fns.send_send_audio_scatter)
+            effects << QStringLiteral("compressed video and audio are not sent");
+        notes << QStringLiteral("NDI runtime %1 lacks the Advanced SDK functions %2: %3")
+                     .arg(loadedFrom, missing.join(QStringLiteral(", ")), effects.join(QStringLiteral(", ")));
+    }
+    problemLine = notes.join(QStringLiteral("; "));
 }
 
 bool NdiRuntime::resolve(void *handle)

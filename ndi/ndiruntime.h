@@ -35,9 +35,11 @@ struct NdiFunctions
     NDIlib_send_send_audio_scatter_fn send_send_audio_scatter = nullptr;
 };
 
-// The NDI runtime (libndi.so.5), loaded once per process on first use: from the directory
-// named by $NDI_RUNTIME_DIR_V5, else through the dynamic loader's search path. The library is
-// never unloaded.
+// The NDI runtime, loaded once per process on first use: libndi.so.5 from the directory named by
+// $NDI_RUNTIME_DIR_V5, else through the dynamic loader's search path; without one, the NDI 6
+// runtime (libndi_advanced.so.6, then libndi.so.6) from $NDI_RUNTIME_DIR_V6, else through the
+// loader's path, used through the version 5 functions it keeps. The first file that has every
+// standard function is used; it is never unloaded.
 class NdiRuntime
 {
 public:
@@ -53,7 +55,9 @@ public:
     // Exported functions that are missing: standard ones make the runtime unavailable,
     // Advanced ones only switch features off.
     QStringList missingFunctions() const { return missing; }
-    // One line naming what is missing and what that means; empty when nothing is.
+    // One line worth logging: what was tried when nothing could be loaded, the NDI 6 runtime
+    // in use when no version 5 runtime was found, what is missing and what that means; empty
+    // when the version 5 runtime has everything.
     QString problem() const { return problemLine; }
 
     // Logs problem() through `node` the first time any node of the process calls it; later

@@ -10,11 +10,13 @@
 #include <QDir>
 #include <QFile>
 #include <QString>
+#include <QVariantMap>
 #include <QVector>
 #include <QtGlobal>
 
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 // Points the library's loader at the linked test runtime unless NDI_RUNTIME_DIR_V5 is set
 // already (CTest sets it). Call before the first NDI node is created.
@@ -75,6 +77,13 @@ inline kesttest_receiver_info_t receiverInfo(NDIlib_recv_instance_t receiver)
     return info;
 }
 
+inline kesttest_finder_info_t finderInfo(NDIlib_find_instance_t finder)
+{
+    kesttest_finder_info_t info{};
+    kesttest_finder_info(finder, &info);
+    return info;
+}
+
 // A compressed key frame as receivers get it: the packet header (`version` bytes: a header
 // longer than the 44 bytes known here is padded), the payload, the extra data.
 inline QByteArray compressedFrame(uint32_t codec, int64_t pts, const QByteArray &payload, const QByteArray &extra = {},
@@ -94,15 +103,60 @@ inline QByteArray compressedFrame(uint32_t codec, int64_t pts, const QByteArray 
     return bytes + payload + extra;
 }
 
+// Sends `blocks` as one scatter list: AAC as 48 kHz stereo of 1024 samples, any other FourCC as
+// 1920x1080 progressive video at 30000/1001 and 16:9. `changes` alters that description
+// ("xres", "yres", "N", "D", "aspect", "format"; "rate", "channels", "samples").
+inline void sendBlocks(NDIlib_send_instance_t sender, const QByteArrayList &blocks, uint32_t fourcc, const QVariantMap &changes = {})
+{
+    std::vector<const uint8_t *> pointers;
+    std::vector<int> sizes;
+    for (const QByteArray &b : blocks) {
+        pointers.push_back(reinterpret_cast<const uint8_t *>(b.constData()));
+        sizes.push_back(b.size());
+    }
+    pointers.push_back(nullptr);
+    sizes.push_back(0);
+    const NDIlib_frame_scatter_t scatter{pointers.data(), sizes.data()};
+    if (fourcc == NDIlib_FourCC_audio_type_ex_AAC) {
+        NDIlib_audio_frame_v3_t frame = ndiAudioFrameDefaults();
+        frame.FourCC = NDIlib_FourCC_audio_type_ex_AAC;
+        frame.sample_rate = changes.value("rate", 48000).toInt();
+        frame.no_channels = changes.value("channels", 2).toInt();
+        frame.no_samples = changes.value("samples", 1024).toInt();
+        NDIlib_send_send_audio_scatter(sender, &frame, &scatter);
+        return;
+    }
+    NDIlib_video_frame_v2_t frame = ndiVideoFrameDefaults();
+    frame.FourCC = NDIlib_FourCC_video_type_e(fourcc);
+    frame.xres = changes.value("xres", 1920).toInt();
+    frame.yres = changes.value("yres", 1080).toInt();
+    frame.frame_rate_N = changes.value("N", 30000).toInt();
+    frame.frame_rate_D = changes.value("D", 1001).toInt();
+    frame.picture_aspect_ratio = changes.value("aspect", 16.0 / 9).toFloat();
+    frame.frame_format_type = NDIlib_frame_format_type_e(changes.value("format", NDIlib_frame_format_type_progressive).toInt());
+    NDIlib_send_send_video_scatter(sender, &frame, &scatter);
+}
+
 // A source published with the runtime's own functions, gone with the object.
 class TestSource
 {
 public:
-    explicit TestSource(const QByteArray &name) : listed(ndiSourceName(name))
+    explicit TestSource(const QByteArray &name, const char *groups = nullptr) : listed(ndiSourceName(name))
     {
         NDIlib_send_create_t settings{};
         settings.p_ndi_name = name.constData();
+        settings.p_groups = groups;
         handle = NDIlib_send_create_v2(&settings, "{}");
+    }
+    // One frame, as one block, the way KestNDISend sends it: extra data only on key frames.
+    void send(uint32_t fourcc, bool key, const QByteArray &payload, const QByteArray &extra = {}, int64_t pts = 0)
+    {
+        const uint32_t codec = fourcc == NDIlib_FourCC_audio_type_ex_AAC ? NDIlib_compressed_FourCC_type_AAC
+                             : ((fourcc >> 8) & 0xff) == '2'             ? NDIlib_compressed_FourCC_type_H264
+                                                                         : NDIlib_compressed_FourCC_type_HEVC;
+        QByteArray frame = compressedFrame(codec, pts, payload, extra);
+        frame[32] = key ? char(NDIlib_compressed_packet_flags_keyframe) : 0; // the header's flags
+        sendBlocks(handle, {frame}, fourcc);
     }
     ~TestSource() { NDIlib_send_destroy(handle); }
     TestSource(const TestSource &) = delete;
@@ -110,27 +164,7 @@ public:
     QString name() const { return QString::fromUtf8(listed); }
 
     NDIlib_send_instance_t handle = nullptr;
-    QByteArray listed; // For benchmarks: the test runtime, keeping no sent frames, and no per-connection log lines.
-inline void useQuietNdiTestRuntime()
-{
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &message) {
-        if (type != QtDebugMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(message));
-    });
-    useNdiTestRuntime();
-    kesttest_set_sent_frame_limit(0);
-}
-
-// The path of an NDI configuration file in `dir` holding `content`; "-" leaves the file missing.
-inline QString ndiConfigFile(const QDir &dir, const QByteArray &content)
-{
-    QFile file(dir.filePath(QStringLiteral("ndi.json")));
-    if (content != "-" && (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()))
-        return {};
-    return file.fileName();
-}
-
-// "MACHINE (name)"
+    QByteArray listed; // "MACHINE (name)"
 };
 
 // A frame a sender was given, copied out of the runtime.
@@ -164,10 +198,11 @@ inline QVector<SentFrame> sentFrames(NDIlib_send_instance_t sender)
 class TestReceiver
 {
 public:
-    explicit TestReceiver(const QByteArray &sourceName, NDIlib_recv_bandwidth_e bandwidth = NDIlib_recv_bandwidth_highest)
+    explicit TestReceiver(const QByteArray &sourceName, NDIlib_recv_bandwidth_e bandwidth = NDIlib_recv_bandwidth_highest,
+                          NDIlib_recv_color_format_e format = NDIlib_recv_color_format_compressed_v4_with_audio)
     {
         NDIlib_recv_create_v3_t settings{};
-        settings.color_format = NDIlib_recv_color_format_compressed_v4_with_audio;
+        settings.color_format = format;
         settings.bandwidth = bandwidth;
         settings.source_to_connect_to.p_ndi_name = sourceName.constData();
         handle = NDIlib_recv_create_v3(&settings);
@@ -182,17 +217,22 @@ public:
         return NDIlib_recv_set_tally(handle, &tally);
     }
 
-    // The bytes of every waiting video frame, released; "wrong FourCC" for one not of `fourcc`.
-    QByteArrayList drainVideo(uint32_t fourcc)
+    // The bytes of every waiting frame, released; "wrong FourCC" for one not of `fourcc`.
+    QByteArrayList drain(uint32_t fourcc)
     {
         QByteArrayList frames;
         NDIlib_video_frame_v2_t video{};
-        while (NDIlib_recv_capture_v3(handle, &video, nullptr, nullptr, 0) == NDIlib_frame_type_video) {
-            const QByteArray bytes(reinterpret_cast<const char *>(video.p_data), qMax(video.data_size_in_bytes, 0));
-            frames << (video.FourCC == fourcc ? bytes : QByteArray("wrong FourCC"));
-            NDIlib_recv_free_video_v2(handle, &video);
+        NDIlib_audio_frame_v3_t audio{};
+        for (;;) {
+            const NDIlib_frame_type_e type = NDIlib_recv_capture_v3(handle, &video, &audio, nullptr, 0);
+            const bool isVideo = type == NDIlib_frame_type_video;
+            if (!isVideo && type != NDIlib_frame_type_audio)
+                return frames;
+            const QByteArray bytes(reinterpret_cast<const char *>(isVideo ? video.p_data : audio.p_data),
+                                   qMax(isVideo ? video.data_size_in_bytes : audio.data_size_in_bytes, 0));
+            frames << ((isVideo ? uint32_t(video.FourCC) : uint32_t(audio.FourCC)) == fourcc ? bytes : QByteArray("wrong FourCC"));
+            isVideo ? NDIlib_recv_free_video_v2(handle, &video) : NDIlib_recv_free_audio_v3(handle, &audio);
         }
-        return frames;
     }
 
     NDIlib_recv_instance_t handle = nullptr;

@@ -63,6 +63,7 @@ QByteArray compressedFrame(int payloadSize)
     NDIlib_compressed_packet_t header{};
     header.version = NDIlib_compressed_packet_version_0;
     header.fourCC = NDIlib_compressed_FourCC_type_H264;
+    header.flags = NDIlib_compressed_packet_flags_keyframe; // the receiver starts at a key frame
     header.data_size = uint32_t(payloadSize);
     QByteArray frame(reinterpret_cast<const char *>(&header), sizeof(header));
     frame += QByteArray(payloadSize, 'x');

@@ -77,7 +77,7 @@ void BM_RuntimeScatterSendAlone(benchmark::State &state)
     settings.p_ndi_name = "bench runtime";
     NDIlib_send_instance_t sender = NDIlib_send_create_v2(&settings, "{}");
     std::vector<uint8_t> payload(size_t(state.range(0)), 'x');
-    NDIlib_video_frame_v2_t frame{};
+    NDIlib_video_frame_v2_t frame = ndiVideoFrameDefaults(); // a rate and progressive, as the runtime wants
     frame.FourCC = NDIlib_FourCC_video_type_ex_H264_highest_bandwidth;
     frame.xres = 1920;
     frame.yres = 1080;

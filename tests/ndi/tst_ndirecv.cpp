@@ -184,6 +184,8 @@ private Q_SLOTS:
     void timeLines();
     void firstFrames_data();
     void firstFrames();
+    void videoStartsAtKeyFrame_data();
+    void videoStartsAtKeyFrame();
     void hostileFrames_data();
     void hostileFrames();
     void passesEndOnErrorOrStatusChange();
@@ -217,6 +219,8 @@ void TestNdiRecv::sharedFinderAndTimer()
     Receiver other = startedReceiver(), third = startedReceiver();
     QCOMPARE(kesttest_finders_created(), findersCreated);
     QCOMPARE(kesttest_finder_count(), 1);
+    const kesttest_finder_info_t finder = finderInfo(kesttest_finder_at(0)); // the defaults
+    QVERIFY(finder.show_local_sources && !finder.p_groups && !finder.p_extra_ips);
     QTimer *timer = owner->findChild<QTimer *>();
     QVERIFY(timer && timer->isActive());
     QCOMPARE(timer->interval(), 2000);
@@ -378,6 +382,11 @@ void TestNdiRecv::configFile()
     const kesttest_receiver_info_t info = receiverInfo(newestReceiver());
     QVERIFY(info.created_with_config);
     QCOMPARE(QByteArray(info.p_config), passed);
+    // Compressed video and AAC, from the full stream, fields allowed, under the receiver's name.
+    QCOMPARE(info.color_format, NDIlib_recv_color_format_compressed_v4_with_audio);
+    QCOMPARE(info.bandwidth, NDIlib_recv_bandwidth_highest);
+    QVERIFY(info.allow_video_fields);
+    QCOMPARE(QByteArray(info.p_ndi_recv_name), QByteArray("test"));
 }
 
 void TestNdiRecv::timeLines_data()
@@ -487,6 +496,34 @@ void TestNdiRecv::firstFrames()
     QCOMPARE(log->lines().size(), codec == KestCodec::None ? 1 : 0);
     const kesttest_receiver_info_t info = receiverInfo(rig.handle);
     QCOMPARE(info.outstanding_frames + info.bad_frees, 0);
+}
+
+void TestNdiRecv::videoStartsAtKeyFrame_data()
+{
+    QTest::addColumn<bool>("runtimeHolds");
+    QTest::newRow("runtime passes on what comes") << false;
+    QTest::newRow("runtime holds video until a key frame") << true;
+}
+
+void TestNdiRecv::videoStartsAtKeyFrame()
+{
+    QFETCH(bool, runtimeHolds);
+    kesttest_set_join_at_key_frame(runtimeHolds);
+    Rig rig; // connected to a running source, between two key frames
+    kesttest_set_join_at_key_frame(false);
+    const uint32_t h264 = NDIlib_FourCC_video_type_ex_H264_highest_bandwidth;
+    rig.source.send(h264, false, "delta 1", {}, 10000000);
+    rig.source.send(NDIlib_FourCC_audio_type_ex_AAC, true, "sound", "\x11\x90", 10100000);
+    rig.source.send(h264, false, "delta 2", {}, 10400000);
+    rig.source.send(h264, true, "key", kParameterSets, 10800000);
+    rig.source.send(h264, false, "delta 3", {}, 11200000);
+    QCOMPARE(receiverInfo(rig.handle).queued_frames, runtimeHolds ? 3 : 5);
+    capturePass(*rig.node);
+    // Either way the host's decoder starts at the key frame, described with its parameter sets.
+    QCOMPARE(rig.recorder.order, (QStringList{"infoA", "A0", "infoV", "V0", "V40000"}));
+    QCOMPARE(rig.recorder.payloads, (QByteArrayList{"sound", "key", "delta 3"}));
+    QCOMPARE(rig.events.count(), 2);
+    QCOMPARE(rig.events[1][1].toMap()["infoV"].toMap()["extradata"], QVariant(kParameterSets));
 }
 
 void TestNdiRecv::hostileFrames_data()

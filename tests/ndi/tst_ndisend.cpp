@@ -230,24 +230,24 @@ void TestNdiSend::lifecycle()
 void TestNdiSend::videoDescriptions_data()
 {
     // Descriptions "encoder width codec framerate [ntsc]" ("-": no framerate); then what a key
-    // packet of encoder A, B and C goes out as: "FourCC width rate", "-" when it is not sent.
+    // packet of encoder A, B and C goes out as: "FourCC size rate", "-" when it is not sent.
     QTest::addColumn<QStringList>("descriptions");
     QTest::addColumn<QStringList>("expected");
 
     QTest::newRow("wide first is main, 640 is sub")
-        << QStringList{"A 1920 4 25", "B 640 4 25"} << QStringList{"H264 1920 25/1", "h264 640 25/1", "-"};
+        << QStringList{"A 1920 4 25", "B 640 4 25"} << QStringList{"H264 1920x1080 25/1", "h264 640x360 25/1", "-"};
     QTest::newRow("640 alone is sub and waits for a main stream") << QStringList{"B 640 4 25"} << QStringList{"-", "-", "-"};
     QTest::newRow("later wide stream of another encoder replaces the sub")
-        << QStringList{"A 1920 4 25", "B 640 4 25", "C 1280 4 25"} << QStringList{"H264 1920 25/1", "-", "h264 1280 25/1"};
+        << QStringList{"A 1920 4 25", "B 640 4 25", "C 1280 4 25"} << QStringList{"H264 1920x1080 25/1", "-", "h264 1280x720 25/1"};
     QTest::newRow("main encoder re-described keeps main")
-        << QStringList{"A 1920 4 25", "A 1280 5 25"} << QStringList{"HEVC 1280 25/1", "-", "-"};
+        << QStringList{"A 1920 4 25", "A 1280 5 25"} << QStringList{"HEVC 1280x720 25/1", "-", "-"};
     QTest::newRow("unknown codec leaves the stream undescribed") << QStringList{"A 1920 14 25"} << QStringList{"-", "-", "-"};
     QTest::newRow("no rate means 30") << QStringList{"A 1920 4 -", "B 640 4 -"}
-                                      << QStringList{"H264 1920 30/1", "h264 640 30/1", "-"};
+                                      << QStringList{"H264 1920x1080 30/1", "h264 640x360 30/1", "-"};
     QTest::newRow("ntsc main") << QStringList{"A 1920 4 30 ntsc", "B 640 4 30"}
-                               << QStringList{"H264 1920 30000/1001", "h264 640 30/1", "-"};
+                               << QStringList{"H264 1920x1080 30000/1001", "h264 640x360 30/1", "-"};
     QTest::newRow("ntsc sub rescales main, not sub")
-        << QStringList{"A 1920 4 25", "B 640 4 30 ntsc"} << QStringList{"H264 1920 25000/1001", "h264 640 30/1", "-"};
+        << QStringList{"A 1920 4 25", "B 640 4 30 ntsc"} << QStringList{"H264 1920x1080 25000/1001", "h264 640x360 30/1", "-"};
 }
 
 void TestNdiSend::videoDescriptions()
@@ -280,9 +280,10 @@ void TestNdiSend::videoDescriptions()
         // Accepted: the packet header names the codec as the runtime expects for that FourCC.
         QVERIFY2(!sent.p_drop_reason, sent.p_drop_reason);
         const NDIlib_video_frame_v2_t &v = sent.video;
-        got << QStringLiteral("%1 %2 %3/%4")
+        got << QStringLiteral("%1 %2x%3 %4/%5")
                    .arg(QString::fromLatin1(reinterpret_cast<const char *>(&v.FourCC), 4))
                    .arg(v.xres)
+                   .arg(v.yres)
                    .arg(v.frame_rate_N)
                    .arg(v.frame_rate_D);
     }
@@ -383,8 +384,8 @@ void TestNdiSend::keyFrameRequestsPerStream()
     QByteArrayList sentMain, sentSub;
     for (const SentFrame &f : sentFrames(newestSender()))
         (f.raw.video.FourCC == NDIlib_FourCC_video_type_ex_HEVC_highest_bandwidth ? sentMain : sentSub) << f.bytes;
-    QCOMPARE(full.drainVideo(NDIlib_FourCC_video_type_ex_HEVC_highest_bandwidth), sentMain.mid(1));
-    QCOMPARE(preview.drainVideo(NDIlib_FourCC_video_type_ex_HEVC_lowest_bandwidth), sentSub.mid(2));
+    QCOMPARE(full.drain(NDIlib_FourCC_video_type_ex_HEVC_highest_bandwidth), sentMain.mid(1));
+    QCOMPARE(preview.drain(NDIlib_FourCC_video_type_ex_HEVC_lowest_bandwidth), sentSub.mid(2));
     node->stop();
 }
 
