@@ -11,10 +11,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     const QByteArray screened = JsonScreen::screen(text, &outcome);
     if (outcome == JsonScreen::Outcome::Refused) {
         FUZZ_EXPECT(screened.isEmpty());
-        // Json::decode screens the same text inside an array: it must refuse it as well.
-        const QString utf8 = QString::fromUtf8(text);
-        if (utf8.toUtf8() == text)
-            FUZZ_EXPECT(!Json::decode(utf8).isValid());
+        // Json::decode screens the same text (a scalar inside an array): it refuses it as well.
+        const QString decodable = QString::fromUtf8(text);
+        if (decodable.toUtf8() == text)
+            FUZZ_EXPECT(!Json::decode(decodable).isValid());
         return 0;
     }
     FUZZ_EXPECT(outcome == JsonScreen::Outcome::Rewritten || screened == text);
@@ -24,8 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     if (!document.isNull()) {
         // Compared as text: Qt writes every number as a double, so integers beyond 2^53 come
         // back rounded.
-        const QString text = Json::encode(document.toVariant(), false);
-        FUZZ_EXPECT(Json::encode(Json::decode(text), false) == text);
+        const QString encoded = Json::encode(document.toVariant(), false);
+        FUZZ_EXPECT(Json::encode(Json::decode(encoded), false) == encoded);
     }
     return 0;
 }
