@@ -9,10 +9,17 @@
 
 QVariant Json::decode(const QString &text)
 {
-    // QJsonDocument only takes objects and arrays; wrapping the text in an array accepts a
-    // top-level scalar as well and leaves the error position meaningful for the rest.
+    const QByteArray utf8 = text.toUtf8();
+    const QByteArray trimmed = utf8.trimmed();
     QJsonParseError error{};
-    const QJsonDocument doc = JsonScreen::parse('[' + text.toUtf8() + ']', &error);
+    // An object or array is parsed as it is, so it may nest as deeply as Qt allows (what
+    // encode writes decodes again). QJsonDocument takes nothing else, so a top-level scalar is
+    // parsed as the single element of an array.
+    if (trimmed.startsWith('{') || trimmed.startsWith('[')) {
+        const QJsonDocument doc = JsonScreen::parse(utf8, &error);
+        return error.error == QJsonParseError::NoError ? doc.toVariant() : QVariant();
+    }
+    const QJsonDocument doc = JsonScreen::parse('[' + utf8 + ']', &error);
     if (error.error != QJsonParseError::NoError || !doc.isArray() || doc.array().size() != 1)
         return {};
     return doc.array().first().toVariant();

@@ -29,7 +29,8 @@ const int registered = Kest::registerClass<KestIntercom>();
 constexpr int kTypeId = 4;
 constexpr int kDefaultStation = 1;
 constexpr int kDefaultPort = 1234;
-constexpr int kDefaultMemSize = 4096000;
+// Not "kDefaultMemSize": KestObject has a constant of that name, which wins inside the class.
+constexpr int kDefaultMemSizeBytes = 4096000;
 constexpr int kDefaultJitterFrames = 8;
 constexpr int kDefaultVadDb = 50;
 constexpr int kDefaultPreRollPackets = 8;
@@ -82,7 +83,7 @@ KestIntercom::KestIntercom(QObject *parent)
     data[kTid] = kDefaultStation;
     data[kIp] = QStringLiteral("127.0.0.1");
     data[kPort] = kDefaultPort;
-    data[kMemSize] = kDefaultMemSize;
+    data[kMemSize] = kDefaultMemSizeBytes;
     data[kBuf] = kDefaultJitterFrames;
     data[kVad] = kDefaultVadDb;
     data[kBufLenA] = kDefaultPreRollPackets;

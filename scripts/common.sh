@@ -3,7 +3,7 @@
 # Debian 12 packages: what building needs, and what the tests use on top.
 BUILD_PACKAGES=(cmake ninja-build g++ pkg-config qtbase5-dev qtbase5-dev-tools
                 libqt5websockets5-dev libqt5serialport5-dev nlohmann-json3-dev)
-TEST_PACKAGES=(libbenchmark-dev ffmpeg clang socat curl iproute2 nodejs npm)
+TEST_PACKAGES=(libbenchmark-dev ffmpeg clang libfuzzer-14-dev socat curl iproute2 nodejs npm)
 
 # Installs the packages that are missing (as root, on Debian), and nothing else.
 ensure_packages() {

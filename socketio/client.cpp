@@ -24,7 +24,6 @@ constexpr int kDefaultPort = 80;
 // A handshake or connect request that gets no answer fails instead of hanging the session.
 constexpr int kRequestTimeoutMs = 10000;
 constexpr int kHttpOk = 200;
-const QLatin1String kPolling("polling");
 
 } // namespace
 
