@@ -3,10 +3,9 @@
 #include "packetqueue.h"
 
 #include <QReadLocker>
+#include <QVarLengthArray>
 #include <QVector>
 #include <QWriteLocker>
-
-#include <QVarLengthArray>
 
 #include <algorithm>
 #include <atomic>
