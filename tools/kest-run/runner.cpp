@@ -144,14 +144,14 @@ bool Runner::load(const QByteArray &graphJson, QString *error)
         return false;
     }
 
-    struct Spec
+    struct NodeEntry
     {
         QString name;
         QString className;
         QVariantMap data;
         bool start;
     };
-    std::vector<Spec> specs;
+    std::vector<NodeEntry> entries;
     const QJsonArray nodeList = graph.value(QLatin1String("nodes")).toArray();
     for (int i = 0; i < nodeList.size(); ++i) {
         const QJsonObject node = nodeList.at(i).toObject();
@@ -171,74 +171,74 @@ bool Runner::load(const QByteArray &graphJson, QString *error)
             *error = QStringLiteral("\"data\" of node %1 must be an object").arg(quoted(name));
             return false;
         }
-        for (const Spec &s : specs) {
+        for (const NodeEntry &s : entries) {
             if (s.name == name) {
                 *error = QStringLiteral("duplicate node name %1").arg(quoted(name));
                 return false;
             }
         }
-        specs.push_back({name, className, expandPlaceholders(dataValue.toObject().toVariantMap()).toMap(),
+        entries.push_back({name, className, expandPlaceholders(dataValue.toObject().toVariantMap()).toMap(),
                          node.value(QLatin1String("start")).toBool(true)});
     }
 
-    struct LinkSpec
+    struct LinkEntry
     {
         QString from, to;
         KestObject::Media media;
     };
-    std::vector<LinkSpec> linkSpecs;
+    std::vector<LinkEntry> linkEntries;
     const QJsonArray linkList = linksValue.toArray();
     for (int i = 0; i < linkList.size(); ++i) {
         const QJsonObject link = linkList.at(i).toObject();
-        LinkSpec spec{link.value(QLatin1String("from")).toString(), link.value(QLatin1String("to")).toString(),
+        LinkEntry entry{link.value(QLatin1String("from")).toString(), link.value(QLatin1String("to")).toString(),
                       KestObject::Both};
-        for (const QString &end : {spec.from, spec.to}) {
-            const bool exists = std::any_of(specs.begin(), specs.end(), [&](const Spec &s) { return s.name == end; });
+        for (const QString &end : {entry.from, entry.to}) {
+            const bool exists = std::any_of(entries.begin(), entries.end(), [&](const NodeEntry &s) { return s.name == end; });
             if (!exists) {
                 *error = QStringLiteral("link %1 refers to a missing node %2").arg(i + 1).arg(quoted(end));
                 return false;
             }
         }
         bool ok = false;
-        spec.media = parseMedia(link.value(QLatin1String("media")), &ok);
+        entry.media = parseMedia(link.value(QLatin1String("media")), &ok);
         if (!ok) {
             *error = QStringLiteral("link %1 has media %2; use \"audio\", \"video\" or \"both\"")
                          .arg(i + 1)
                          .arg(quoted(link.value(QLatin1String("media")).toVariant().toString()));
             return false;
         }
-        linkSpecs.push_back(spec);
+        linkEntries.push_back(entry);
     }
     QStringList names;
-    for (const Spec &s : specs)
+    for (const NodeEntry &s : entries)
         names << s.name;
     for (const auto &[media, mediaName] : {std::pair{KestObject::Audio, "audio"}, std::pair{KestObject::Video, "video"}}) {
-        const QString cycle = findCycle(names, linkSpecs, media);
+        const QString cycle = findCycle(names, linkEntries, media);
         if (!cycle.isEmpty()) {
             *error = QStringLiteral("the links form a cycle for %1: %2").arg(QLatin1String(mediaName), cycle);
             return false;
         }
     }
 
-    for (const Spec &spec : specs) {
-        KestObject *object = createNode(spec.className.toLatin1());
+    for (const NodeEntry &entry : entries) {
+        KestObject *object = createNode(entry.className.toLatin1());
         if (!object) {
             *error = QStringLiteral("unknown class %1 for node %2; available classes: %3")
-                         .arg(quoted(spec.className), quoted(spec.name), nodeClassNames().join(QStringLiteral(", ")));
+                         .arg(quoted(entry.className), quoted(entry.name), nodeClassNames().join(QStringLiteral(", ")));
             clear();
             return false;
         }
-        object->setName(spec.name);
-        const QString nodeName = spec.name;
+        object->setName(entry.name);
+        const QString nodeName = entry.name;
         connect(object, &KestObject::eventSent, this, [this, nodeName](const QString &type, const QVariant &info) {
             print(jsonLine({{"node", nodeName}, {"event", type}, {"value", toJson(info)}}));
         });
-        nodes.append({spec.name, object, spec.start});
-        byName.insert(spec.name, object);
+        nodes.append({entry.name, object, entry.start});
+        byName.insert(entry.name, object);
     }
     for (int i = 0; i < nodes.size(); ++i)
-        nodes[i].object->setData(specs[size_t(i)].data);
-    for (const LinkSpec &link : linkSpecs)
+        nodes[i].object->setData(entries[size_t(i)].data);
+    for (const LinkEntry &link : linkEntries)
         byName.value(link.from)->link(byName.value(link.to), link.media);
     return true;
 }
