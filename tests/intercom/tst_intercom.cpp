@@ -100,10 +100,11 @@ void TestIntercom::partnerCommandsAndTally()
     a->onNewEvent(QStringLiteral("TALLY"), 5); // a stopped station ignores events
     a->start();
     a->onNewEvent(QStringLiteral("TALLY"), 3); // to the host and every other station
-    // Untrusted JSON: a repeated key decodes with its last value; the text ends at a zero byte.
-    const char repeated[] = R"({"func":[1,2],"func":{"x":[1]},"func":"TALLY","data":[1],"data":2})" "\0{junk";
-    peer.sendTo(rig.port, datagram(6, 2, Command, QByteArray(repeated, sizeof(repeated) - 1)));
-    QTRY_COMPARE(bHost.events, (QStringList{"TALLY=3", "TALLY=2"}));
+    // The text ends at a zero byte. Untrusted JSON: a repeated key decodes with its last value.
+    const char zero[] = "{\"func\":\"TALLY\",\"data\":7}\0{junk";
+    peer.sendTo(rig.port, datagram(6, 2, Command, QByteArray(zero, sizeof(zero) - 1)));
+    peer.sendTo(rig.port, datagram(6, 2, Command, R"({"func":[1,2],"func":{"x":[1]},"func":"TALLY","data":[1],"data":2})"));
+    QTRY_COMPARE(bHost.events, (QStringList{"TALLY=3", "TALLY=7", "TALLY=2"}));
     QCOMPARE(aHost.events, QStringList{"TALLY=3"});
 }
 
