@@ -40,16 +40,8 @@ inline QByteArray ndiSourceName(const QByteArray &name)
 // The newest live sender and receiver (null when there is none), and what the runtime knows of them.
 inline NDIlib_send_instance_t newestSender() { return kesttest_sender_at(kesttest_sender_count() - 1); }
 inline NDIlib_recv_instance_t newestReceiver() { return kesttest_receiver_at(kesttest_receiver_count() - 1); }
-inline kesttest_sender_info_t senderInfo(NDIlib_send_instance_t sender)
-{
-    kesttest_sender_info_t info{};
-    return kesttest_sender_info(sender, &info), info;
-}
-inline kesttest_receiver_info_t receiverInfo(NDIlib_recv_instance_t receiver)
-{
-    kesttest_receiver_info_t info{};
-    return kesttest_receiver_info(receiver, &info), info;
-}
+inline kesttest_sender_info_t senderInfo(NDIlib_send_instance_t sender) { kesttest_sender_info_t i{}; return kesttest_sender_info(sender, &i), i; }
+inline kesttest_receiver_info_t receiverInfo(NDIlib_recv_instance_t receiver) { kesttest_receiver_info_t i{}; return kesttest_receiver_info(receiver, &i), i; }
 
 // A compressed frame as receivers get it: the 44-byte packet header, the payload, the extra data.
 inline QByteArray compressedFrame(uint32_t codec, int64_t pts, const QByteArray &payload, const QByteArray &extra = {}, bool key = true)
@@ -98,21 +90,4 @@ public:
 
     NDIlib_send_instance_t handle = nullptr;
     QByteArray listed; // "MACHINE (name)"
-};
-
-// A receiver of the test runtime, connected to a source by name, gone with the object.
-class TestReceiver
-{
-public:
-    explicit TestReceiver(const QByteArray &source, int bandwidth = NDIlib_recv_bandwidth_highest,
-                          int format = NDIlib_recv_color_format_compressed_v4_with_audio)
-    {
-        const NDIlib_recv_create_v3_t settings{{source.constData(), {nullptr}}, NDIlib_recv_color_format_e(format),
-                                               NDIlib_recv_bandwidth_e(bandwidth), true, nullptr};
-        handle = NDIlib_recv_create_v3(&settings);
-    }
-    ~TestReceiver() { NDIlib_recv_destroy(handle); }
-    Q_DISABLE_COPY(TestReceiver)
-
-    NDIlib_recv_instance_t handle = nullptr;
 };

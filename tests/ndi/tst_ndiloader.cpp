@@ -6,6 +6,7 @@
 
 #include "kestencodev.h"
 #include "kesttest.h"
+#include "logcapture.h"
 #include "ndi/kestndisend.h"
 #include "ndi/ndiruntime.h"
 
@@ -13,22 +14,6 @@
 #include <QTest>
 
 #include <dlfcn.h>
-
-namespace {
-
-QStringList logLines;
-
-// A test-control function of the runtime the loader loaded. Looked up rather than linked: the
-// case decides which runtime that is.
-template <typename F>
-F control(const char *name)
-{
-    const QString file = NdiRuntime::instance().fileName();
-    void *handle = file.isEmpty() ? nullptr : ::dlopen(QFile::encodeName(file).constData(), RTLD_NOW | RTLD_NOLOAD);
-    return handle ? reinterpret_cast<F>(::dlsym(handle, name)) : nullptr;
-}
-
-} // namespace
 
 class TestNdiLoader : public QObject
 {
@@ -41,7 +26,7 @@ void TestNdiLoader::loadsAndSays()
 {
     if (!qEnvironmentVariableIsSet("KEST_LOADER_FILE"))
         QSKIP("runs through ctest, which sets up the environment of each case");
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &message) { logLines << message; });
+    LogCapture log;
     const NdiRuntime &runtime = NdiRuntime::instance();
     const QString problem = runtime.problem();
     QCOMPARE(runtime.fileName(), qEnvironmentVariable("KEST_LOADER_FILE"));
@@ -62,13 +47,15 @@ void TestNdiLoader::loadsAndSays()
     node.onNewInfoA({KestCodec::AAC, {{"samplerate", 48000}, {"channels", 2}, {"frame_size", 1024}, {"extradata", QByteArray("AS")}}, nullptr});
     node.onNewPacketV({bytes.data(), bytes.size(), 0, -1, 0, &encoder});
     node.onNewPacketA({bytes.data(), bytes.size(), 0, -1, 3, nullptr});
-    const auto senderAt = control<decltype(&kesttest_sender_at)>("kesttest_sender_at");
-    const auto senderInfo = control<decltype(&kesttest_sender_info)>("kesttest_sender_info");
+    // The runtime's test controls, looked up rather than linked: the case decides which runtime that is.
+    void *handle = runtime.isAvailable() ? ::dlopen(QFile::encodeName(runtime.fileName()).constData(), RTLD_NOW | RTLD_NOLOAD) : nullptr;
+    const auto senderAt = handle ? reinterpret_cast<decltype(&kesttest_sender_at)>(::dlsym(handle, "kesttest_sender_at")) : nullptr;
+    const auto senderInfo = handle ? reinterpret_cast<decltype(&kesttest_sender_info)>(::dlsym(handle, "kesttest_sender_info")) : nullptr;
     kesttest_sender_info_t info{};
     QCOMPARE(senderAt && senderInfo(senderAt(0), &info) ? int(info.video_frames + info.audio_frames) : -1,
              qEnvironmentVariableIntValue("KEST_LOADER_FRAMES"));
     const QStringList expected{"[ndi] " + problem, "[ndi] NDI create"};
-    QCOMPARE(logLines, expected.mid(problem.isEmpty() ? 1 : 0, runtime.isAvailable() ? 2 : 1));
+    QCOMPARE(log.lines(), expected.mid(problem.isEmpty() ? 1 : 0, runtime.isAvailable() ? 2 : 1));
     node.stop();
 }
 
