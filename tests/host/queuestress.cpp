@@ -15,8 +15,7 @@
 
 int main()
 {
-    constexpr int kProducers = 4;
-    constexpr int kPerProducer = 50000;
+    constexpr int kProducers = 4, kPerProducer = 50000;
     KestObject node;
     node.setData({{QStringLiteral("bufLenA"), 3}, {QStringLiteral("bufLenV"), kProducers * kPerProducer}});
     int drains = 0;
@@ -33,15 +32,14 @@ int main()
             --running;
         });
     std::vector<qint64> next(kProducers, 0);
-    int received = 0;
-    bool ordered = true;
+    int received = 0, disordered = 0;
     for (bool last = false; !last;) {
         last = running == 0; // one more pass once every producer is done
         for (Packet p; takePacket(node.lockV, node.packetsV, p); ++received, ++next[size_t(p.frameType)])
-            ordered = ordered && p.pts == next[size_t(p.frameType)];
+            disordered += p.pts != next[size_t(p.frameType)];
     }
     for (auto &t : producers)
         t.join();
-    std::printf("bound %s; %d of %d packets, %s\n", boundHolds ? "holds" : "BROKEN", received, kProducers * kPerProducer, ordered ? "in order" : "OUT OF ORDER");
-    return boundHolds && ordered && received == kProducers * kPerProducer ? 0 : 1;
+    std::printf("bound %s; %d of %d packets, %s\n", boundHolds ? "holds" : "BROKEN", received, kProducers * kPerProducer, disordered ? "OUT OF ORDER" : "in order");
+    return boundHolds && !disordered && received == kProducers * kPerProducer ? 0 : 1;
 }

@@ -17,15 +17,12 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-namespace {
-
 // The vtable slot a pointer to a virtual member function stands for (Itanium C++ ABI; ARM
 // marks virtual in the adjustment instead of the pointer).
 template <typename Member>
 int vtableSlot(Member member)
 {
     ptrdiff_t r[2]; // pointer, adjustment
-    static_assert(sizeof(member) == sizeof(r), "Itanium member function pointers");
     std::memcpy(r, &member, sizeof(r));
 #if defined(__arm__) || defined(__aarch64__)
     return r[1] & 1 ? int(r[0] / ptrdiff_t(sizeof(void *))) : -1;
@@ -35,8 +32,6 @@ int vtableSlot(Member member)
 }
 
 struct FirstVirtualAfterQObject : QObject { virtual void first() {} };
-
-} // namespace
 
 class TestHost : public QObject
 {
@@ -58,12 +53,15 @@ private Q_SLOTS:
         KEST_NEXT(shareInfo) KEST_NEXT(links) KEST_NEXT(lockA) KEST_NEXT(packetsA) KEST_NEXT(lockV) KEST_NEXT(packetsV)
         KEST_NEXT(shares) KEST_NEXT(typeName) KEST_NEXT(typeId)
 #undef KEST_NEXT
-        // Virtual operations in the declared order, right after QObject's.
-        const int order[] = {vtableSlot(&KestObject::onNewPacketA), vtableSlot(&KestObject::onNewPacketV), vtableSlot(&KestObject::onUnLinkA),
-                             vtableSlot(&KestObject::onUnLinkV), vtableSlot(&KestObject::onNewEvent), vtableSlot(&KestObject::onNewInfoA),
-                             vtableSlot(&KestObject::onNewInfoV), vtableSlot(&KestObject::onSetData), vtableSlot(&KestObject::onStart), vtableSlot(&KestObject::onStop)};
-        for (int i = 0; i < 10; ++i)
-            QCOMPARE(order[i], vtableSlot(&FirstVirtualAfterQObject::first) + i);
+        // Virtual operations in the declared order right after QObject's, and the same order at the
+        // end of the meta-object's methods, where the host finds the slots it invokes by name.
+        const QMetaObject &mo = KestObject::staticMetaObject;
+        int slot = vtableSlot(&FirstVirtualAfterQObject::first), method = mo.methodCount() - 10;
+#define KEST_SLOT(m, parameters) QCOMPARE(vtableSlot(&KestObject::m), slot++); QCOMPARE(mo.indexOfSlot(#m parameters), method++);
+        KEST_SLOT(onNewPacketA, "(Packet)") KEST_SLOT(onNewPacketV, "(Packet)") KEST_SLOT(onUnLinkA, "(StreamInfo)") KEST_SLOT(onUnLinkV, "(StreamInfo)")
+        KEST_SLOT(onNewEvent, "(QString,QVariant)") KEST_SLOT(onNewInfoA, "(StreamInfo)") KEST_SLOT(onNewInfoV, "(StreamInfo)")
+        KEST_SLOT(onSetData, "(QVariantMap)") KEST_SLOT(onStart, "()") KEST_SLOT(onStop, "()")
+#undef KEST_SLOT
     }
 
     void bufferData()
@@ -114,17 +112,25 @@ private Q_SLOTS:
         QVERIFY(huge.bufferData(nullptr, 100, 0));
     }
 
-    void delivery()
+    void deliveryAndLogLines()
     {
         // Synchronous, along the links of each medium; a new link hears of the video announced
         // before it; an unlinked node hears no more. (That delivery never re-enters a node is
-        // host_delivery's, through kest-run.)
+        // host_delivery's, through kest-run.) Log lines are debug messages in the "default"
+        // category, a node's with "[name] " in front.
+        static QStringList seen;
+        qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &context, const QString &message) {
+            seen << QStringLiteral("%1 %2 %3").arg(int(type)).arg(QLatin1String(context.category), message);
+        });
         KestObject source;
+        source.setName(QStringLiteral("station"));
+        nodeLog(&source) << "relay address" << 7 << "is not an IP address";
+        qInstallMessageHandler(nullptr);
+        QCOMPARE(seen, QStringList{"0 default [station] relay address 7 is not an IP address"});
         source.sendInfoV({KestCodec::H264, {}, nullptr});
         Recorder audio, video, both;
-        source.link(&audio, KestObject::Audio);
-        source.link(&video, KestObject::Video);
-        source.link(&both, KestObject::Both);
+        for (const auto &[r, media] : {std::pair{&audio, KestObject::Audio}, std::pair{&video, KestObject::Video}, std::pair{&both, KestObject::Both}})
+            source.link(r, media);
         source.sendPacketA({});
         source.sendPacketV({});
         source.sendEvent(QStringLiteral("TALLY"), 1);
@@ -135,20 +141,6 @@ private Q_SLOTS:
             QCOMPARE(QStringLiteral("%1 %2 %3 ").arg(r->infosV.size()).arg(r->audio.size()).arg(r->video.size()) + r->events.join(' '), heard);
     }
 
-    void logLines()
-    {
-        // Log lines are debug messages in the "default" category, a node's with "[name] " in front.
-        static QStringList seen;
-        qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &context, const QString &message) {
-            seen << QStringLiteral("%1 %2 %3").arg(int(type)).arg(QLatin1String(context.category), message);
-        });
-        KestObject node;
-        node.setName(QStringLiteral("station"));
-        nodeLog(&node) << "relay address" << 7 << "is not an IP address";
-        qInstallMessageHandler(nullptr);
-        QCOMPARE(seen, QStringList{"0 default [station] relay address 7 is not an IP address"});
-    }
-
     void untrustedJson()
     {
         // Through the screen (outcome 0 unchanged, 1 rewritten, 2 refused) and Json::decode:
@@ -157,13 +149,11 @@ private Q_SLOTS:
         const auto screened = [](const QByteArray &text) {
             JsonScreen::Outcome outcome{};
             JsonScreen::screen(text, &outcome);
-            const QVariant value = Json::decode(QString::fromUtf8(text));
-            return QString::number(int(outcome)) + ' ' + (value.isValid() ? Json::encode(value, false) : QStringLiteral("invalid"));
+            return QString::number(int(outcome)) + ' ' + Json::encode(Json::decode(QString::fromUtf8(text)), false);
         };
         QCOMPARE(screened(R"({"a":[1],"a":2})"), QStringLiteral(R"(1 {"a":2})"));
-        QCOMPARE(screened("\"ok\""), QStringLiteral("0 \"ok\""));
         QCOMPARE(screened("[1., \"\t\\x\"]"), QStringLiteral(R"(0 [1,"\tx"])"));
-        QCOMPARE(screened(QByteArray(1100, '[') + QByteArray(1100, ']')), QStringLiteral("2 invalid"));
+        QCOMPARE(screened(QByteArray(1100, '[') + QByteArray(1100, ']')), QStringLiteral("2 null"));
     }
 };
 
