@@ -8,50 +8,29 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QString>
-#include <QStringList>
 
 inline void startKestRun(QProcess &process, const QStringList &arguments)
 {
-    QStringList command = QString::fromUtf8(KEST_EMULATOR).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    command << QStringLiteral(KEST_RUN_PATH) << arguments;
-    const QString program = command.takeFirst();
-    process.start(program, command);
+    QStringList command = QString::fromUtf8(KEST_EMULATOR).split(QLatin1Char('\n'), Qt::SkipEmptyParts) << QStringLiteral(KEST_RUN_PATH) << arguments;
+    process.start(command.takeFirst(), command);
 }
 
-// kest-run as a subprocess, read line by line.
+// kest-run as a subprocess, read line by line; killed when still running at the end.
 class KestRun
 {
 public:
-    ~KestRun()
-    {
-        if (process.state() != QProcess::NotRunning) {
-            process.kill();
-            process.waitForFinished(5000);
-        }
-    }
-
-    bool start(const QStringList &args)
-    {
-        startKestRun(process, args);
-        return process.waitForStarted(5000);
-    }
-
+    ~KestRun() { process.kill(); process.waitForFinished(5000); }
+    bool start(const QStringList &args) { startKestRun(process, args); return process.waitForStarted(5000); }
     void send(const QByteArray &line) { process.write(line + '\n'); }
-
     // The next stdout line, or an empty array after `timeoutMs`.
     QByteArray nextLine(int timeoutMs = 5000)
     {
         QElapsedTimer timer;
         timer.start();
-        while (!process.canReadLine()) {
-            if (timer.elapsed() > timeoutMs || !process.waitForReadyRead(int(qMax<qint64>(1, timeoutMs - timer.elapsed()))))
-                if (!process.canReadLine())
-                    return {};
+        while (!process.canReadLine() && timer.elapsed() < timeoutMs && process.waitForReadyRead(int(timeoutMs - timer.elapsed()))) {
         }
-        return process.readLine().trimmed();
+        return process.canReadLine() ? process.readLine().trimmed() : QByteArray();
     }
-
     QJsonObject nextObject(int timeoutMs = 5000) { return QJsonDocument::fromJson(nextLine(timeoutMs)).object(); }
 
     QProcess process;

@@ -12,47 +12,29 @@ class LogCapture
 public:
     LogCapture()
     {
-        instance() = this;
+        current = this;
         previous = qInstallMessageHandler(&LogCapture::handler);
     }
-    ~LogCapture()
-    {
-        qInstallMessageHandler(previous);
-        instance() = nullptr;
-    }
+    ~LogCapture() { qInstallMessageHandler(previous); current = nullptr; }
 
-    QStringList lines() const
-    {
-        QMutexLocker locker(&mutex);
-        return recorded;
-    }
+    QStringList lines() const { QMutexLocker locker(&mutex); return recorded; }
     // Lines that contain `text`.
     int count(const QString &text) const { return lines().filter(text).size(); }
     bool contains(const QString &text) const { return count(text) > 0; }
-    void clear()
-    {
-        QMutexLocker locker(&mutex);
-        recorded.clear();
-    }
+    void clear() { QMutexLocker locker(&mutex); recorded.clear(); }
 
 private:
-    static LogCapture *&instance()
-    {
-        static LogCapture *current = nullptr;
-        return current;
-    }
     static void handler(QtMsgType type, const QMessageLogContext &context, const QString &message)
     {
-        if (LogCapture *self = instance()) {
-            {
-                QMutexLocker locker(&self->mutex);
-                self->recorded << message;
-            }
+        if (LogCapture *self = current) {
+            self->record(message);
             if (self->previous)
                 self->previous(type, context, message);
         }
     }
+    void record(const QString &message) { QMutexLocker locker(&mutex); recorded << message; }
 
+    static inline LogCapture *current = nullptr;
     mutable QMutex mutex;
     QStringList recorded;
     QtMessageHandler previous = nullptr;

@@ -1,128 +1,189 @@
-// The example graphs, run by kest-run as a user would run them (on a free port instead of 7000,
-// the demo with the NDI test runtime and clips made by ffmpeg, as scripts/demo runs it).
+// Graphs run by kest-run as a user runs them, on clips made by ffmpeg and the NDI test runtime:
+// the demo (on a free port, as scripts/demo runs it), and every media host node of kest-run,
+// whose output must be its input byte for byte.
 
-#include "intercom/udpstation.h"
 #include "kestrunprocess.h"
 #include "testmedia.h"
 
 #include <QElapsedTimer>
-#include <QFile>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QUdpSocket>
+
+#include <functional>
 
 class TestDemo : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    void initTestCase();
     void demoPlaysToneAndReceivesItsNdiSource();
-    void stationExampleTalksToItsRelay();
+    void mediaPassesThroughUnchanged();
 
 private:
-    // The example with every "port": 7000 moved to `port`.
-    QString exampleOnPort(const QString &name, quint16 port, int expectedPorts);
+    // kest-run on `graph` in the scratch folder, its output read into `latest` (the last value
+    // of every "node.event" and result of every "node.call") until `done` or 30 s; `answer` may
+    // reply to each line. Ends the run with {"quit":true}.
+    void run(const QByteArray &graph, const QList<QByteArray> &input, const std::function<bool()> &done,
+             const std::function<void(KestRun &, const QJsonObject &)> &answer = nullptr);
+    QByteArray file(const QString &name) const { return TestMedia::readFile(dir.filePath(name)); }
+    bool write(const QString &name, const QByteArray &bytes)
+    {
+        QFile out(dir.filePath(name));
+        return out.open(QIODevice::WriteOnly) && out.write(bytes) == bytes.size();
+    }
 
     QTemporaryDir dir;
+    QString clips[3]; // by TestMedia::Kind
+    QHash<QString, QJsonValue> latest;
+    QByteArray errors; // kest-run's stderr
 };
 
-QString TestDemo::exampleOnPort(const QString &name, quint16 port, int expectedPorts)
+void TestDemo::initTestCase()
 {
-    QFile file(QStringLiteral(KEST_SOURCE_DIR "/examples/") + name);
-    QByteArray graph = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    QFile out(dir.filePath(name));
-    if (graph.count("\"port\": 7000") != expectedPorts || !out.open(QIODevice::WriteOnly))
-        return {};
-    out.write(graph.replace("\"port\": 7000", "\"port\": " + QByteArray::number(port)));
-    return out.fileName();
+    QString why;
+    for (TestMedia::Kind kind : {TestMedia::H264, TestMedia::H265, TestMedia::Aac})
+        if ((clips[kind] = TestMedia::get(kind, &why)).isEmpty())
+            QSKIP(qPrintable("no test clips: " + why));
+}
+
+void TestDemo::run(const QByteArray &graph, const QList<QByteArray> &input, const std::function<bool()> &done,
+                   const std::function<void(KestRun &, const QJsonObject &)> &answer)
+{
+    QVERIFY(write("graph.json", graph));
+    KestRun kestRun;
+    kestRun.process.setWorkingDirectory(dir.path());
+    QVERIFY(kestRun.start({dir.filePath("graph.json")}));
+    for (const QByteArray &line : input)
+        kestRun.send(line);
+    latest.clear();
+    QElapsedTimer clock;
+    clock.start();
+    while (!done() && clock.elapsed() < 30000) {
+        const QJsonObject line = kestRun.nextObject(1000);
+        const QString key = line.value("node").toString() + '.' + line.value("event").toString() + line.value("call").toString();
+        latest[key] = line.value(line.contains("call") ? "result" : "value");
+        if (answer)
+            answer(kestRun, line);
+    }
+    kestRun.send(R"({"quit":true})");
+    QVERIFY(kestRun.process.waitForFinished(10000));
+    QCOMPARE(kestRun.process.exitCode(), 0);
+    errors = kestRun.process.readAllStandardError();
+    QVERIFY2(done(), qPrintable(QStringList(latest.keys()).join(' ') + '\n' + errors));
 }
 
 void TestDemo::demoPlaysToneAndReceivesItsNdiSource()
 {
-    const QString graph = exampleOnPort(QStringLiteral("demo.json"), freeUdpPort(), 3);
-    QVERIFY(!graph.isEmpty());
+    QFile example(QStringLiteral(KEST_SOURCE_DIR "/examples/demo.json"));
+    QVERIFY(example.open(QIODevice::ReadOnly));
+    QByteArray graph = example.readAll();
+    QCOMPARE(graph.count("\"port\": 7000"), 3);
+    QUdpSocket probe; // for a free port
+    QVERIFY(probe.bind(QHostAddress(QHostAddress::LocalHost)));
+    graph.replace("\"port\": 7000", "\"port\": " + QByteArray::number(probe.localPort()));
+    probe.close();
     // The clips where scripts/demo puts them, relative to the folder kest-run runs in.
-    QString why;
-    const QString video = TestMedia::get(TestMedia::H264, &why), audio = TestMedia::get(TestMedia::Aac, &why);
-    const bool withMedia = !video.isEmpty() && !audio.isEmpty();
     QVERIFY(QDir(dir.path()).mkpath("build-demo/media"));
-    if (withMedia) {
-        QVERIFY(QFile::copy(video, dir.filePath("build-demo/media/main.h264")));
-        QVERIFY(QFile::copy(video, dir.filePath("build-demo/media/sub.h264")));
-        QVERIFY(QFile::copy(audio, dir.filePath("build-demo/media/audio.aac")));
-    }
-    KestRun run;
-    run.process.setWorkingDirectory(dir.path());
-    QVERIFY(run.start({graph}));
+    for (const char *name : {"main.h264", "sub.h264", "audio.aac"})
+        QVERIFY(QFile::copy(clips[name[0] == 'a' ? TestMedia::Aac : TestMedia::H264], dir.filePath("build-demo/media/") + name));
 
     // The tone of station 1 reaches station 2's speaker once the relay knows station 2 (its
     // first alive, after 3 s), and the roster shows station 1 by name after its next alive.
-    // Meanwhile the NDI receiver finds the demo's own source by itself, announces both streams
-    // and hands them to the decoder.
-    bool toneHeard = false, rosterSeen = false;
-    QJsonObject lastState, infoV, infoA, stats;
-    const auto ndiDone = [&] {
-        return !withMedia || (infoA.value("codec") == "aac" && stats.value("video").toInt() > 0 && stats.value("audio").toInt() > 0);
-    };
-    QElapsedTimer clock;
-    clock.start();
-    while (!(toneHeard && rosterSeen && ndiDone()) && clock.elapsed() < 20000) {
-        const QJsonObject line = run.nextObject(1000);
-        const QJsonObject value = line.value("value").toObject();
-        if (line.value("node") == "speaker2" && line.value("event") == "level") {
-            toneHeard = toneHeard || (value.value("peak").toInt() == 16422 && value.value("packets").toInt() >= 50);
-        } else if (line.value("call") == "getState") {
-            lastState = line.value("result").toObject();
-            const QJsonArray list = lastState.value("list").toArray();
-            rosterSeen = list.size() == 1 && list[0].toObject() == QJsonObject{{"id", 1}, {"name", "Studio"}, {"talking", true}};
-        } else if (line.value("node") == "ndi-in" && line.value("event") == "ready") {
-            infoV = value.value("infoV").toObject();
-            infoA = value.value("infoA").toObject();
-        } else if (line.value("node") == "decoder" && line.value("event") == "stats") {
-            stats = value;
-        }
+    // Meanwhile the NDI receiver finds the demo's own source by itself and hands both streams
+    // to the decoder.
+    const QJsonArray roster{QJsonObject{{"id", 1}, {"name", "Studio"}, {"talking", true}}};
+    run(graph, {}, [&] {
+        const QJsonValue level = latest.value("speaker2.level"), stats = latest.value("decoder.stats");
+        return level["peak"] == 16422 && level["packets"].toInt() >= 50 && latest.value("station2.getState")["list"] == roster
+            && stats["video"].toInt() > 0 && stats["audio"].toInt() > 0;
+    }, [](KestRun &kestRun, const QJsonObject &line) {
         if (line.isEmpty() || line.value("event") == "level")
-            run.send(R"({"node":"station2","call":"getState"})");
-    }
-    QVERIFY(toneHeard);
-    QVERIFY2(rosterSeen, QJsonDocument(lastState).toJson().constData());
-    run.send(R"({"quit":true})");
-    QVERIFY(run.process.waitForFinished(5000));
-    QCOMPARE(run.process.exitCode(), 0);
-    if (!withMedia)
-        QSKIP(qPrintable("the NDI part needs test clips: " + why));
-    QCOMPARE(infoV.value("codec"), QJsonValue("h264"));
-    QCOMPARE(infoV.value("width"), QJsonValue(1280)); // the main stream
-    QCOMPARE(infoA.value("codec"), QJsonValue("aac"));
-    QVERIFY2(ndiDone(), QJsonDocument(stats).toJson().constData());
-    QVERIFY(QFileInfo(dir.filePath("build-demo/received.h264")).size() > 0);
-    QVERIFY(QFileInfo(dir.filePath("build-demo/received.aac")).size() > 0);
+            kestRun.send(R"({"node":"station2","call":"getState"})");
+    });
 }
 
-void TestDemo::stationExampleTalksToItsRelay()
+void TestDemo::mediaPassesThroughUnchanged()
 {
-    UdpStation relay; // stands in for the relay on the other machine
-    const QString graph = exampleOnPort(QStringLiteral("station.json"), relay.port(), 1);
-    QVERIFY(!graph.isEmpty());
-    KestRun run;
-    QVERIFY(run.start({graph}));
-    bool audio = false, alive = false;
-    QElapsedTimer clock;
-    clock.start();
-    while (!(audio && alive) && clock.elapsed() < 10000) {
-        const auto got = relay.receive(1000);
-        if (!got)
-            continue;
-        if (got->bytes.startsWith(QByteArray("\x03\x01\x00", 3)))
-            audio = audio || got->bytes.size() == 3 + 960;
-        else
-            alive = alive || got->bytes == QByteArray("\x03\xff\x01Remote");
+    // PCM from a tone and from files played round with gain; H.264, H.265 and AAC from their
+    // clips through NDI (EsSource -> KestNDISend -> test runtime -> KestNDIRecv -> EsSink), the
+    // receivers connected before the sources start; nodes that refuse their settings with the
+    // log line in their "log"; and the plug-in's classes the demo lacks, created by name.
+    QByteArray noConfig = TestMedia::readFile(clips[TestMedia::Aac]);
+    noConfig[2] = char(noConfig[2] & ~1); // channel configuration 0: given by a program config element
+    noConfig[3] = char(noConfig[3] & 0x3f);
+    QVERIFY(write("in16.raw", QByteArray::fromHex("e803 18fc 0000 3075 0200 0400")) && write("in8.raw", QByteArray::fromHex("e41c 8080 817f"))
+            && write("empty.raw", {}) && write("noconfig.aac", noConfig));
+    QByteArray graph = R"g({"nodes":[
+        {"name":"toneOut","class":"PcmSink","data":{"file":"tone.raw"}},
+        {"name":"tone","class":"PcmSource","data":{"bitwidth":8,"channels":2,"frame_size":441,"level_db":0}},
+        {"name":"out16","class":"PcmSink","data":{"file":"out16.raw"}},
+        {"name":"in16","class":"PcmSource","data":{"file":"in16.raw","frame_size":4}},
+        {"name":"out8","class":"PcmSink","data":{"file":"out8.raw"}},
+        {"name":"in8","class":"PcmSource","data":{"file":"in8.raw","bitwidth":8,"frame_size":4}},
+        {"name":"h264","class":"EsSource","data":{"file":"CLIP0","loop":false},"start":false},
+        {"name":"h265","class":"EsSource","data":{"file":"CLIP1","loop":false},"start":false},
+        {"name":"aac","class":"EsSource","data":{"file":"CLIP2","loop":false},"start":false},
+        {"name":"tx264","class":"KestNDISend","data":{"name":"h264"}},
+        {"name":"tx265","class":"KestNDISend","data":{"name":"h265"}},
+        {"name":"rx264","class":"KestNDIRecv","data":{"name":"%MACHINE% (h264)"}},
+        {"name":"rx265","class":"KestNDIRecv","data":{"name":"%MACHINE% (h265)"}},
+        {"name":"out264","class":"EsSink","data":{"video_file":"out.h264","audio_file":"out264.aac"}},
+        {"name":"out265","class":"EsSink","data":{"video_file":"out.h265","audio_file":"out265.aac"}},
+        {"name":"noConfig","class":"EsSource","data":{"file":"noconfig.aac"}},
+        {"name":"s1","class":"EsSink","data":{"log":"the AAC description gives no usable configuration; audio is not written"}},
+        {"name":"p1","class":"PcmSource","data":{"bitwidth":12,"log":"\"bitwidth\" must be 8 or 16 - no audio"}},
+        {"name":"p2","class":"PcmSource","data":{"samplerate":0,"log":"\"samplerate\" must be 1 to 768000 - no audio"}},
+        {"name":"p3","class":"PcmSource","data":{"frame_size":40000,
+         "log":"\"frame_size\" must be at least 1 and a packet at most 65504 bytes - no audio"}},
+        {"name":"p4","class":"PcmSource","data":{"file":"empty.raw","log":"empty.raw is empty - no audio"}},
+        {"name":"p5","class":"PcmSource","data":{"file":"/no/a.raw","log":"cannot read /no/a.raw: No such file or directory - no audio"}},
+        {"name":"e1","class":"EsSource","data":{"file":"/no/a.h264","log":"cannot read /no/a.h264 : No such file or directory"}},
+        {"name":"e2","class":"EsSource","data":{"file":"a.bin","log":"cannot tell the codec of a.bin - set \"codec\" to 4, 5 or 10"}},
+        {"name":"e3","class":"EsSource","data":{"file":"in8.raw","codec":4,"log":"in8.raw holds no access units"}},
+        {"name":"e4","class":"EsSource","data":{"file":"in8.raw","codec":"aac","log":"in8.raw holds no ADTS AAC frames"}},
+        {"name":"i1","class":"KestIntercom","data":{"ip":"no address","log":"relay address no address is not an IP address; nothing is sent"}},
+        {"name":"t1","class":"KestTally","start":false},{"name":"t2","class":"KestTallyArbiter","start":false},{"name":"t3","class":"KestVMix","start":false}],
+    "links":[{"from":"tone","to":"toneOut"},{"from":"in16","to":"out16"},{"from":"in8","to":"out8"},{"from":"noConfig","to":"s1"},
+        {"from":"h264","to":"tx264"},{"from":"h265","to":"tx265"},{"from":"aac","to":"tx264"},{"from":"aac","to":"tx265"},
+        {"from":"rx264","to":"out264"},{"from":"rx265","to":"out265"}]})g";
+    for (int kind : {0, 1, 2})
+        graph.replace("CLIP" + QByteArray::number(kind), clips[kind].toUtf8());
+    const auto ended = [this](const QString &video) {
+        return latest.value("out" + video + ".stats") == QJsonObject{{"video", latest.value('h' + video + ".end").toInt(-1)},
+                                                                     {"audio", latest.value("aac.end").toInt(-1)}};
+    };
+    // The receivers' first tick of the finder, without its wait; a setting while running; then the sources.
+    run(graph, {R"({"node":"rx264","call":"onTimer"})", R"({"node":"rx265","call":"onTimer"})", R"({"node":"tone","set":{"level_db":0}})",
+                R"({"node":"h264","start":true})", R"({"node":"h265","start":true})", R"({"node":"aac","start":true})"},
+        [&] { return ended("264") && ended("265"); });
+    if (QTest::currentTestFailed())
+        return;
+    for (const QJsonValue &node : QJsonDocument::fromJson(graph).object()["nodes"].toArray())
+        if (node["data"]["log"].isString())
+            QVERIFY2(errors.contains(QStringLiteral("[%1] %2\n").arg(node["name"].toString(), node["data"]["log"].toString()).toUtf8()), errors.constData());
+    for (const auto &[out, in] : QList<QPair<QString, int>>{{"out.h264", 0}, {"out.h265", 1}, {"out264.aac", 2}, {"out265.aac", 2}})
+        QVERIFY2(file(out) == TestMedia::readFile(clips[in]), qPrintable(out));
+    // The receivers announce the parameter sets that open each clip: SPS and PPS; VPS, SPS and PPS.
+    for (int kind : {0, 1}) {
+        const QByteArray sets = QByteArray::fromHex(latest.value(kind ? "rx265.ready" : "rx264.ready")["infoV"]["extradata"].toString().toLatin1());
+        QCOMPARE(sets.count(QByteArray("\0\0\0\1", 4)), 2 + kind);
+        QVERIFY(TestMedia::readFile(clips[kind]).startsWith(sets));
     }
-    QVERIFY(audio);
-    QVERIFY(alive);
-    run.send(R"({"quit":true})");
-    QVERIFY(run.process.waitForFinished(5000));
-    QCOMPARE(run.process.exitCode(), 0);
+    // The files at -6 dB, played round: (1000, -1000, 0, 30000, 2, 4) and (e4 1c 80 80 81 7f) in frames of 4.
+    QCOMPARE(file("out16.raw").left(16).toHex(), QByteArray("f5010bfe0000bc3a01000200f5010bfe"));
+    QCOMPARE(file("out8.raw").left(8).toHex(), QByteArray("b24e8080817fb24e"));
+    // The tone at full scale: 1000 Hz (200 crossings of the mid-point in 0.1 s), the same in both
+    // channels of 8-bit samples around 128.
+    const QByteArray tone = file("tone.raw");
+    int peak = 0, crossings = 0;
+    for (int i = 2; i < 9600 && i < tone.size(); i += 2) {
+        QCOMPARE(tone[i], tone[i + 1]);
+        peak = qMax(peak, qAbs(int(quint8(tone[i])) - 128));
+        crossings += (quint8(tone[i]) > 128) != (quint8(tone[i - 2]) > 128) ? 1 : 0;
+    }
+    QVERIFY2(tone.size() >= 9600 && peak == 127 && qAbs(crossings - 200) <= 2, qPrintable(QString::number(crossings)));
 }
 
 QTEST_GUILESS_MAIN(TestDemo)
