@@ -84,38 +84,17 @@ private Q_SLOTS:
         const QStringList sent{R"(["x"])", QStringLiteral("[\"x\",\"Kamera \u00e9\u4e2d\"]"), R"(["x",{"canBeFlashed":true,"deviceId":"dev1"}])"};
         QTRY_COMPARE(s.texts().mid(1), QStringList({"[\"echo\"," + sent[0].mid(1), "[\"echo\"," + sent[1].mid(1), "[\"echo\"," + sent[2].mid(1)}));
         QCOMPARE(server.log(sid).filter(QStringLiteral("in:message:2")), QStringList({"in:message:2" + sent[0], "in:message:2" + sent[1], "in:message:2" + sent[2]}));
-        // A connect packet goes out only for a namespace other than the default one; the server
-        // has no such namespace and answers with an error on it.
-        s.client.sendConnect();
-        s.client.sendConnect(QStringLiteral("/"));
-        s.client.sendConnect(QStringLiteral("/admin"));
-        QTRY_COMPARE(s.texts().filter(QStringLiteral("Invalid namespace")).size(), 1);
-        QCOMPARE(server.log(sid).filter(QRegularExpression(QStringLiteral("^in:message:0"))), (QStringList{"in:message:0", "in:message:0/admin,"}));
     }
 
-    // Bad frames are ignored, or handed on as they are, and the session carries on; a text frame
-    // that is not UTF-8 fails the WebSocket, which the session reports as a disconnect.
-    void badFramesAndDisconnects()
+    // The server ends the socket: reported as a disconnect ("41": an empty message); it opens again.
+    void serverDisconnects()
     {
-        LogCapture log;
         Session s;
         QVERIFY(s.open(server));
-        const QString huge = "[\"big\",\"" + QString(1024 * 1024, 'x') + "\"]";
-        for (const QString &text : {QString(), QStringLiteral("9zz"), QStringLiteral("1"), QStringLiteral("42not json"), "42" + huge})
-            server.command({{"raw", QJsonObject{{"text", text}}}});
-        server.command({{"raw", QJsonObject{{"binary_hex", "0102ff"}}}});
-        s.client.eemit(QStringLiteral("version")); // answered after the frames: then they were all handled
-        QTRY_VERIFY_WITH_TIMEOUT(s.texts().contains(QStringLiteral(R"(["version","sio-test"])")), 10000);
-        QCOMPARE(s.texts().mid(1), (QStringList{"not json", huge, R"(["version","sio-test"])"}));
-        QVERIFY(log.contains(QStringLiteral("Websocket binary message!!!")));
-
         server.command({{"disconnect", 1}});
         QTRY_COMPARE_WITH_TIMEOUT(s.disconnected.count(), 1, 5000);
-        QCOMPARE(s.client.getState() + s.state() + s.texts().last(), QStringLiteral("disconnected") + Client::Disconnected); // "41": an empty message
+        QCOMPARE(s.client.getState() + s.state() + s.texts().last(), QStringLiteral("disconnected") + Client::Disconnected);
         QVERIFY(s.open(server, 2));
-        server.command({{"raw", QJsonObject{{"text_hex", "34325b22ff225d"}}}}); // 42["\xff"]
-        QTRY_COMPARE_WITH_TIMEOUT(s.disconnected.count(), 2, 5000);
-        QCOMPARE(s.texts().filter(QStringLiteral("\ufffd")), QStringList());
     }
 
     // Pings are answered (the server drops a client whose pong is late); silence for the ping

@@ -25,14 +25,11 @@ private Q_SLOTS:
             {R"(421["x"])", R"(4 2 / 1 ["x"] =)"},
             {"40", "4 0 / -1  ="},
             {"3probe", "3 -1 / -1 probe ="},
-            {R"(44{"message":"bad"})", R"(4 4 / -1 {"message":"bad"} =)"},
             // Quirks kept on purpose: the id after a namespace reads 0, whether one was sent or not.
             {R"(42/admin,5["x"])", R"(4 2 /admin 0 ["x"])"},
             {"40/admin,", "4 0 /admin -1 ,"},
             {"40/admin", "4 0 / -1 /admin"}, // no comma: no namespace
-            {"4", "4 0 / -1 "},
             {"\xd9\xa4" "2", "0 -1 / -1 2"}, // a digit, but not an ASCII one
-            {"9zz", "9 -1 / -1 zz"},
             {"b4AQID", "4 4 / -1 binary decrypt not implemented"},
         };
         for (const auto &[frame, expected] : rows) {
@@ -64,12 +61,8 @@ private Q_SLOTS:
         const std::pair<QByteArray, QString> rows[] = {
             {R"(0{"sid":"hOTVLYoE_zhr_fccAAAA","upgrades":["websocket"],"pingInterval":1000,"pingTimeout":800,"maxPayload":1000000})",
              "ok hOTVLYoE_zhr_fccAAAA 1000 800"},
-            {R"(0{"sid":5,"pingInterval":1,"pingTimeout":2})", "ok  1 2"}, // a sid that is not text reads empty
-            {R"(0{"sid":{"a":[1]},"sid":"b","pingInterval":1,"pingTimeout":2})", "ok b 1 2"}, // a repeated key: the last
             {R"(0{"pingInterval":1,"pingTimeout":2})", "no - -1 -1"},
             {R"(0{"sid":"a","pingTimeout":2})", "no - -1 -1"},
-            {R"(0{"sid":"a","pingInterval":1})", "no - -1 -1"},
-            {"<html>Bad Gateway</html>", "no - -1 -1"},
         };
         for (const auto &[body, expected] : rows) {
             SocketIO::HandShake out{QStringLiteral("-"), -1, -1};
@@ -86,9 +79,6 @@ private Q_SLOTS:
             {R"(["flash"])", "flash", QVariant(), true},
             {R"(["a",{"deviceId":"dev1","flag":true}])", "a", QVariantMap{{"deviceId", "dev1"}, {"flag", true}}, true},
             {R"(["reassign","old","new"])", "reassign", "old", false}, // elements after the second are ignored
-            {R"({"sid":"x"})", "", QVariant(), false},
-            {R"(["a",)", "", QVariant(), false},
-            {R"(["a",{"k":[1],"k":2}])", "a", QVariantMap{{"k", 2}}, false}, // a repeated key: the last value
         };
         for (const auto &[raw, name, data, written] : rows) {
             Packet packet, other;
@@ -106,7 +96,6 @@ private Q_SLOTS:
     {
         const std::tuple<int, QString, QString, QString> rows[] = {
             {4, "http://127.0.0.1:9", "http://127.0.0.1:9/socket.io/?EIO=4&transport=polling&t=", "ws://127.0.0.1:9/socket.io/?EIO=4&transport=websocket&sid="},
-            {3, "https://localhost", "https://localhost:80/socket.io/?EIO=3&transport=polling&t=", "wss://localhost:80/socket.io/?EIO=3&transport=websocket&sid="},
             {4, "ftp://127.0.0.1:9", "http://127.0.0.1:9/socket.io/?EIO=4&transport=polling&t=", "ws://127.0.0.1:9/socket.io/?EIO=4&transport=websocket&sid="},
         };
         for (const auto &[eio, server, handshake, webSocket] : rows) {

@@ -5,7 +5,6 @@
 #include "ptypair.h"
 
 #include "kestgpio.h"
-#include "kestrunprocess.h"
 #include "tally/kesttally.h"
 
 #include <QDir>
@@ -108,27 +107,6 @@ private Q_SLOTS:
         QCOMPARE(KestGPIO::calls().size(), 2);
         startNode();
         QVERIFY(!QFile::exists(stale) && QFileInfo(folder).isDir());
-    }
-
-    // The example as shipped, pointed at the pty instead of the USB adapter.
-    void exampleDrivesTheLightUnderKestRun()
-    {
-        QFile example(QStringLiteral(KEST_SOURCE_DIR "/examples/serial-tally.json"));
-        QVERIFY(example.open(QIODevice::ReadOnly));
-        QByteArray graph = example.readAll();
-        QVERIFY(graph.contains("\"/dev/ttyUSB0\"") && graph.contains("\"GPIO0_3\""));
-        QFile out(dir.filePath(QStringLiteral("serial-tally.json")));
-        QVERIFY(out.open(QIODevice::WriteOnly) && out.write(graph.replace("/dev/ttyUSB0", QFile::encodeName(pty->nodePath)).replace("GPIO0_3", kLine.toUtf8())) > 0);
-        out.close();
-        KestRun run;
-        QVERIFY(run.start({out.fileName()}));
-        QCOMPARE(pty->take(7), QByteArray("AT+C077")); // sent at start
-        run.send(R"({"node":"light","call":"setTally","args":[[2,1,0]]})");
-        QCOMPARE(run.nextLine(), QByteArray(R"({"node":"light","call":"setTally","result":true})"));
-        QCOMPARE(pty->take(5).toHex(), QByteArray("01010204ff"));
-        run.send(R"({"quit":true})");
-        QVERIFY(run.process.waitForFinished(10000));
-        QCOMPARE(run.process.exitCode(), 0);
     }
 
 private:
