@@ -1,37 +1,22 @@
 #pragma once
 
-// The plain socket.io@4 server of tests/peers (sio-server.js) on free 127.0.0.1 ports, stopped
-// by its process id, and the blocking HTTP call that drives local peers through their control
-// ports. The control API is described at the top of sio-server.js.
+// The Socket.IO peers of tests/peers as child processes on 127.0.0.1, stopped by their process
+// id: the plain socket.io 4 server (sio-server.js: a free port, commands on its stdin as its
+// header describes) or Tally Arbiter (start-ta.sh: fixed ports, so suites that start it take
+// RESOURCE_LOCK tally-arbiter and run in a private network namespace).
 
-#include <QEventLoop>
+#include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <QUrl>
 
+#include <algorithm>
 #include <csignal>
-
-// Keeps the event loop running while it waits, so the code under test goes on working.
-inline QJsonDocument peerHttp(const QByteArray &method, const QUrl &url, const QByteArray &body = {}, int *status = nullptr)
-{
-    QNetworkAccessManager network;
-    QNetworkRequest request(url);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
-    request.setTransferTimeout(8000);
-    QNetworkReply *reply = network.sendCustomRequest(request, method, body);
-    QEventLoop loop;
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    loop.exec();
-    if (status)
-        *status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    reply->deleteLater();
-    return QJsonDocument::fromJson(reply->readAll());
-}
 
 class SioServer
 {
@@ -45,89 +30,101 @@ public:
 
     ~SioServer() { stop(); }
 
-    // Empty on success, otherwise why the server is not running.
-    QString start(const Options &options)
+    // Empty when running; otherwise why not, starting with "skip: " where Node is missing or too old.
+    QString start(const Options &o)
     {
-        const QString node = QStandardPaths::findExecutable(QStringLiteral("node"));
-        if (node.isEmpty())
-            return QStringLiteral("node is not installed");
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("SIO_PING_INTERVAL"), QString::number(options.pingIntervalMs));
-        env.insert(QStringLiteral("SIO_PING_TIMEOUT"), QString::number(options.pingTimeoutMs));
-        env.insert(QStringLiteral("SIO_LIFETIME_S"), QStringLiteral("600"));
-        env.remove(QStringLiteral("SIO_CONTROL_PORT"));
-        process.setProcessEnvironment(env);
-        process.start(node, {QStringLiteral(KEST_PEERS_DIR "/sio-server.js"), QString::number(options.port)});
-        while (!process.canReadLine()) // the first line names the ports
-            if (!process.waitForReadyRead(10000))
-                return QStringLiteral("sio-server.js did not start: ") + QString::fromUtf8(process.readAllStandardError());
-        const QJsonObject listening = QJsonDocument::fromJson(process.readLine()).object();
-        port = quint16(listening.value(QStringLiteral("port")).toInt());
-        controlPort = quint16(listening.value(QStringLiteral("control_port")).toInt());
-        return port && controlPort ? QString() : QStringLiteral("unexpected first line from sio-server.js");
+        const QString why = launch(node(), {KEST_PEERS_DIR "/sio-server.js", QString::number(o.port), QString::number(o.pingIntervalMs), QString::number(o.pingTimeoutMs)},
+                                   {"{\"port\":"});
+        port = quint16(QJsonDocument::fromJson(output).object().value(QStringLiteral("port")).toInt());
+        return why;
+    }
+    QString startTallyArbiter()
+    {
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        const QString why = launch(QStringLiteral("bash"), {KEST_PEERS_DIR "/start-ta.sh", runDir.path()},
+                                   {"Tally Arbiter running on port 4455", "listening on port 4456", "Listening for VMix Tally Connections"});
+        port = why.isEmpty() ? 4455 : 0;
+        return why;
     }
 
     void stop()
     {
-        if (process.state() == QProcess::NotRunning)
-            return;
         resume();
         process.terminate();
-        if (!process.waitForFinished(3000))
+        if (process.state() != QProcess::NotRunning && !process.waitForFinished(5000))
             process.kill();
-        process.waitForFinished(3000);
+        process.waitForFinished(5000);
     }
 
     // Freezes the server (no pings, no answers) until resume().
-    void pause() { ::kill(pid_t(process.processId()), SIGSTOP); }
-    void resume() { ::kill(pid_t(process.processId()), SIGCONT); }
+    void pause() { signal(SIGSTOP); }
+    void resume() { signal(SIGCONT); }
 
     QUrl url() const { return QUrl(QStringLiteral("http://127.0.0.1:%1").arg(port)); }
 
-    QJsonArray get(const QString &path) const { return peerHttp("GET", control(path)).array(); }
-    bool post(const QString &path, const QJsonObject &body = {}) const
+    // sio-server.js: one command and its answer.
+    QJsonValue command(const QJsonObject &command)
     {
-        int status = 0;
-        peerHttp("POST", control(path), QJsonDocument(body).toJson(QJsonDocument::Compact), &status);
-        return status == 200;
+        process.write(QJsonDocument(command).toJson(QJsonDocument::Compact) + '\n');
+        while (!process.canReadLine() && process.waitForReadyRead(5000)) {
+        }
+        return QJsonDocument::fromJson('[' + process.readLine() + ']').array().at(0);
     }
-    bool emitEvent(const QString &event, const QJsonArray &args) const { return post("/emit", {{"event", event}, {"args", args}}); }
+    QJsonArray get(const char *what, const QString &key = {}, const QString &value = {}) { return command({{"get", what}, {key, value}}).toArray(); }
+    QJsonArray events(const QString &name = {}) { return get("events", QStringLiteral("name"), name); } // with a name: the argument lists
+    QStringList log(const QString &engineSid) { return QVariant(get("log", QStringLiteral("sid"), engineSid).toVariantList()).toStringList(); }
 
-    // The argument lists of the events of one name, in order; all names with an empty `name`.
-    QJsonArray events(const QString &name = {}) const
+    // Tally Arbiter: one action of ta-admin.js (listeners, flash, reassign, tally); null when it failed.
+    static QJsonValue admin(const QStringList &arguments)
     {
-        QJsonArray result;
-        for (const QJsonValue &event : get("/events"))
-            if (name.isEmpty() || event[QStringLiteral("name")].toString() == name)
-                result.append(name.isEmpty() ? event[QStringLiteral("name")] : event[QStringLiteral("args")]);
-        return result;
-    }
-
-    // Logged lines of one Engine.IO session, as "ev:type:data", e.g. "engine_packet_in:message:0".
-    QStringList log(const QString &engineSid) const
-    {
-        QStringList lines;
-        for (const QJsonValue &line : get("/log"))
-            if (line[QStringLiteral("sid")].toString() == engineSid)
-                lines << line[QStringLiteral("ev")].toString() + ':' + line[QStringLiteral("type")].toString() + ':'
-                             + line[QStringLiteral("data")].toString();
-        return lines;
+        QProcess process;
+        process.start(node(), QStringList{KEST_PEERS_DIR "/ta-admin.js"} + arguments);
+        process.waitForFinished(15000);
+        const QJsonValue outcome = QJsonDocument::fromJson('[' + process.readAllStandardOutput() + ']').array().at(0);
+        return process.exitCode() == 0 ? outcome : QJsonValue();
     }
 
     quint16 port = 0;
-    quint16 controlPort = 0;
 
 private:
-    QUrl control(const QString &path) const { return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(controlPort).arg(path)); }
+    static QString node() { return QStandardPaths::findExecutable(QStringLiteral("node")); }
+    void signal(int number)
+    {
+        if (process.processId() > 0)
+            ::kill(pid_t(process.processId()), number);
+    }
 
-    mutable QProcess process;
+    // Starts the program and waits for every mark in its output; the event loop runs meanwhile,
+    // so the code under test carries on.
+    QString launch(const QString &program, const QStringList &arguments, const QList<QByteArray> &marks)
+    {
+        if (node().isEmpty())
+            return QStringLiteral("skip: node is not installed, so the peer cannot run");
+        output.clear();
+        process.start(program, arguments);
+        const auto ready = [&] { return std::all_of(marks.begin(), marks.end(), [&](const QByteArray &m) { return output.contains(m); }); };
+        QElapsedTimer clock;
+        for (clock.start(); !ready() && process.state() != QProcess::NotRunning && clock.elapsed() < 60000; output += process.readAll()) {
+            process.waitForReadyRead(20);
+            QCoreApplication::processEvents();
+        }
+        if (ready())
+            return {};
+        process.waitForFinished(1000);
+        const QString why = QString::fromUtf8(output + process.readAll() + process.readAllStandardError()).trimmed();
+        return (process.exitCode() == 77 ? QStringLiteral("skip: ") : QString()) + why;
+    }
+
+    QProcess process;
+    QTemporaryDir runDir;
+    QByteArray output;
 };
 
-// Starts the server, or skips the test where Node is missing.
-#define START_SIO_SERVER(server, options)                                                          \
+// Starts a peer, or skips the test where it cannot run here.
+#define START_PEER(start)                                                                          \
     do {                                                                                           \
-        const QString why = (server).start(options);                                               \
-        if (why == QLatin1String("node is not installed"))                                         \
-            QSKIP("node is not installed, so the socket.io peer cannot run");                      \
+        const QString why = (start);                                                               \
+        if (why.startsWith(QLatin1String("skip: ")))                                               \
+            QSKIP(qPrintable(why));                                                                \
         QVERIFY2(why.isEmpty(), qPrintable(why));                                                  \
     } while (false)
