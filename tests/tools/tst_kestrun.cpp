@@ -3,7 +3,6 @@
 
 #include "kestrunprocess.h"
 
-#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -24,14 +23,13 @@ private:
 
 void TestKestRun::listsEveryClassWithItsSlots()
 {
-    // kest-run finds the plug-in by itself (next to it, in ../lib); its own host nodes come along.
+    // kest-run finds the plug-in by itself (next to it, in ../lib). The classes with its own host
+    // nodes: the "unknown class" row.
     QProcess run;
     startKestRun(run, {QStringLiteral("--list")});
     QVERIFY(run.waitForFinished(10000));
     const QString out = QString::fromUtf8(run.readAllStandardOutput());
     QVERIFY2(run.exitCode() == 0 && out.contains("KestIntercomServer\n    onStart()\n    onStop()\n    onRead()\n    onTimerAlive()\n"), qPrintable(out));
-    QCOMPARE(out.split('\n').filter(QRegularExpression("^\\w")).join(' '), QStringLiteral("EsSink EsSource KestIntercom KestIntercomServer "
-                                                                                            "KestNDIRecv KestNDISend KestTally KestTallyArbiter KestVMix PcmSink PcmSource"));
 }
 
 void TestKestRun::transcript_data()
@@ -45,8 +43,7 @@ void TestKestRun::transcript_data()
     const QString nodes = QStringLiteral(TEST_NODES_PATH);
     const QByteArray one = R"({"nodes":[{"name":"a","class":"EchoNode"}]})";
     QTest::newRow("control protocol") << nodes << QByteArray(R"g({"nodes":[
-        {"name":"a","class":"EchoNode","data":{"k":[0],"k":1,"placed":{"l":[2,"%MACHINE% (cam)"]}}},
-        {"name":"b","class":"EchoNode"},{"name":"idle","class":"EchoNode","start":false}],
+        {"name":"a","class":"EchoNode","data":{"k":1}},{"name":"b","class":"EchoNode"}],
         "links":[{"from":"a","to":"b","media":"audio"}]})g") << QByteArray(R"t(
 < {"node":"a","event":"started","value":"a"}
 < {"node":"b","event":"heard","value":{"type":"started","value":"a"}}
@@ -61,65 +58,39 @@ void TestKestRun::transcript_data()
 < {"node":"a","event":"x","value":1}
 < {"node":"b","event":"heard","value":{"type":"x","value":1}}
 < {"node":"a","call":"emitEvent","result":null}
-> {"node":"a","call":"setting","args":["placed"]}
-< {"node":"a","call":"setting","result":{"l":[2,"%MACHINE% (cam)"]}}
-> {"node":"a","call":"setting","args":["k"]}
-< {"node":"a","call":"setting","result":1}
 > {"node":"a","set":{"k":2}}
 > {"node":"a","call":"setting","args":["k"]}
 < {"node":"a","call":"setting","result":2}
 > {"node":"b","event":{"type":"TALLY","value":[1,0]}}
 < {"node":"b","event":"heard","value":{"type":"TALLY","value":[1,0]}}
-> {"node":"idle","start":true}
-< {"node":"idle","event":"started","value":"idle"}
 > {"node":"a","stop":true}
 < {"node":"a","event":"stopped","value":"a"}
 < {"node":"b","event":"heard","value":{"type":"stopped","value":"a"}}
 > {"quit":true}
-< {"node":"idle","event":"stopped","value":"idle"}
 < {"node":"b","event":"stopped","value":"b"}
 < {"node":"a","event":"stopped","value":"a"}
 < {"node":"b","event":"heard","value":{"type":"stopped","value":"a"}}
 )t");
-    // Events go round a loop of links (audio one way, video back) once per delivery; QObject's
-    // own methods are no slots of a node; a line of more than 16 MiB is refused whole.
-    QTest::newRow("hostile input") << nodes << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"},{"name":"b","class":"EchoNode"}],
-        "links":[{"from":"a","to":"b","media":"audio"},{"from":"b","to":"a","media":"video"}]})") << QByteArray(R"(
+    // QObject's own methods are no slots of a node; a line of more than 16 MiB is refused whole.
+    for (int signal : {SIGTERM, SIGINT})
+        QTest::addRow("signal %d stops every node", signal) << nodes << one << QByteArray(R"(
 < {"node":"a","event":"started","value":"a"}
-< {"node":"b","event":"heard","value":{"type":"started","value":"a"}}
-< {"node":"a","event":"heard","value":{"type":"heard","value":{"type":"started","value":"a"}}}
-< {"node":"b","event":"started","value":"b"}
-< {"node":"a","event":"heard","value":{"type":"started","value":"b"}}
-< {"node":"b","event":"heard","value":{"type":"heard","value":{"type":"started","value":"b"}}}
 > {"node":"a","call":"deleteLater"}
 < {"error":"node \"a\" has no slot \"deleteLater\""}
 > %LONG%{"node":"a","call":"echo","args":[1]}
 < {"error":"line too long"}
-> {"node":"a","call":"echo","args":[2]}
-< {"node":"a","call":"echo","result":2}
-> {"quit":true}
-< {"node":"b","event":"stopped","value":"b"}
-< {"node":"a","event":"heard","value":{"type":"stopped","value":"b"}}
-< {"node":"b","event":"heard","value":{"type":"heard","value":{"type":"stopped","value":"b"}}}
-< {"node":"a","event":"stopped","value":"a"}
-< {"node":"b","event":"heard","value":{"type":"stopped","value":"a"}}
-< {"node":"a","event":"heard","value":{"type":"heard","value":{"type":"stopped","value":"a"}}}
-)");
-    for (int signal : {SIGTERM, SIGINT})
-        QTest::addRow("signal %d stops every node", signal) << nodes << one << QByteArray(R"(
-< {"node":"a","event":"started","value":"a"}
 > {"node":"a","call":"echo","args":["last words"]}
 < {"node":"a","call":"echo","result":"last words"}
 ! )" + QByteArray::number(signal) + R"(
 < {"node":"a","event":"stopped","value":"a"}
 )");
-    QTest::newRow("node linked to itself") << nodes << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"}],
-        "links":[{"from":"a","to":"a","media":"audio"}]})") << QByteArray(R"(kest-run: bad graph %GRAPH%: the links form a cycle for audio: "a" -> "a")");
+    // A cycle counts only links that carry its medium: none for audio here, one for video.
     QTest::newRow("two-node cycle") << nodes << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"},{"name":"b","class":"EchoNode"}],
         "links":[{"from":"a","to":"b","media":"video"},{"from":"b","to":"a"}]})")
                                     << QByteArray(R"(kest-run: bad graph %GRAPH%: the links form a cycle for video: "a" -> "b" -> "a")");
-    QTest::newRow("unknown class") << nodes << QByteArray(R"({"nodes":[{"name":"a","class":"Nope"}]})")
-                                   << QByteArray(R"(kest-run: bad graph %GRAPH%: unknown class "Nope" for node "a"; available classes: EchoNode, EsSink, EsSource, PcmSink, PcmSource)");
+    QTest::newRow("unknown class") << QStringLiteral(KEST_LIBRARY_PATH) << QByteArray(R"({"nodes":[{"name":"a","class":"Nope"}]})")
+        << QByteArray(R"(kest-run: bad graph %GRAPH%: unknown class "Nope" for node "a"; available classes: EsSink, EsSource, KestIntercom, )"
+                      "KestIntercomServer, KestNDIRecv, KestNDISend, KestTally, KestTallyArbiter, KestVMix, PcmSink, PcmSource");
     QTest::newRow("no graph file") << nodes << QByteArray() << QByteArray("kest-run: cannot read graph %GRAPH%: No such file or directory");
     QTest::newRow("library without nodes") << QStringLiteral(KEST_HOST_LIBRARY_PATH) << one
                                            << QByteArray("kest-run: %LIB% is not a plug-in of nodes: loading it registered no node class");
@@ -134,9 +105,7 @@ void TestKestRun::transcript()
     QFile::remove(file.fileName());
     QVERIFY(graph.isEmpty() || (file.open(QIODevice::WriteOnly) && file.write(graph) == graph.size()));
     file.close();
-    char host[256] = {};
-    QCOMPARE(::gethostname(host, sizeof(host) - 1), 0); // NDI's machine part of source names
-    transcript.replace("%MACHINE%", QByteArray(host).toUpper()).replace("%GRAPH%", file.fileName().toUtf8());
+    transcript.replace("%GRAPH%", file.fileName().toUtf8());
     QByteArray input, output, error;
     int signal = 0, outputBeforeSignal = 0;
     for (const QByteArray &line : transcript.replace("%LIB%", library.toUtf8()).trimmed().split('\n')) {
