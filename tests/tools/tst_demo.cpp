@@ -23,10 +23,9 @@ private Q_SLOTS:
 
 private:
     // kest-run on `graph` in the scratch folder, its output read into `latest` (the last value
-    // of every "node.event" and result of every "node.call") until `done` or 30 s; `answer` may
-    // reply to each line. Ends the run with {"quit":true}.
-    void run(const QByteArray &graph, const QList<QByteArray> &input, const std::function<bool()> &done,
-             const std::function<void(KestRun &, const QJsonObject &)> &answer = nullptr);
+    // of every "node.event" and result of every "node.call") until `done` or 30 s. Ends the run
+    // with {"quit":true}.
+    void run(const QByteArray &graph, const QList<QByteArray> &input, const std::function<bool()> &done);
     QByteArray file(const QString &name) const { return TestMedia::readFile(dir.filePath(name)); }
     bool write(const QString &name, const QByteArray &bytes)
     {
@@ -48,8 +47,7 @@ void TestDemo::initTestCase()
             QSKIP(qPrintable("no test clips: " + why));
 }
 
-void TestDemo::run(const QByteArray &graph, const QList<QByteArray> &input, const std::function<bool()> &done,
-                   const std::function<void(KestRun &, const QJsonObject &)> &answer)
+void TestDemo::run(const QByteArray &graph, const QList<QByteArray> &input, const std::function<bool()> &done)
 {
     QVERIFY(write("graph.json", graph));
     KestRun kestRun;
@@ -64,8 +62,6 @@ void TestDemo::run(const QByteArray &graph, const QList<QByteArray> &input, cons
         const QJsonObject line = kestRun.nextObject(1000);
         const QString key = line.value("node").toString() + '.' + line.value("event").toString() + line.value("call").toString();
         latest[key] = line.value(line.contains("call") ? "result" : "value");
-        if (answer)
-            answer(kestRun, line);
     }
     kestRun.send(R"({"quit":true})");
     QVERIFY(kestRun.process.waitForFinished(10000));
@@ -90,17 +86,11 @@ void TestDemo::demoPlaysToneAndReceivesItsNdiSource()
         QVERIFY(QFile::copy(clips[name[0] == 'a' ? TestMedia::Aac : TestMedia::H264], dir.filePath("build-demo/media/") + name));
 
     // The tone of station 1 reaches station 2's speaker once the relay knows station 2 (its
-    // first alive, after 3 s), and the roster shows station 1 by name after its next alive.
-    // Meanwhile the NDI receiver finds the demo's own source by itself and hands both streams
-    // to the decoder.
-    const QJsonArray roster{QJsonObject{{"id", 1}, {"name", "Studio"}, {"talking", true}}};
+    // first alive, after 3 s). Meanwhile the NDI receiver finds the demo's own source by itself
+    // and hands both streams to the decoder.
     run(graph, {}, [&] {
         const QJsonValue level = latest.value("speaker2.level"), stats = latest.value("decoder.stats");
-        return level["peak"] == 16422 && level["packets"].toInt() >= 50 && latest.value("station2.getState")["list"] == roster
-            && stats["video"].toInt() > 0 && stats["audio"].toInt() > 0;
-    }, [](KestRun &kestRun, const QJsonObject &line) {
-        if (line.isEmpty() || line.value("event") == "level")
-            kestRun.send(R"({"node":"station2","call":"getState"})");
+        return level["peak"] == 16422 && level["packets"].toInt() >= 50 && stats["video"].toInt() > 0 && stats["audio"].toInt() > 0;
     });
 }
 
@@ -116,8 +106,6 @@ void TestDemo::mediaPassesThroughUnchanged()
     QVERIFY(write("in16.raw", QByteArray::fromHex("e803 18fc 0000 3075 0200 0400")) && write("in8.raw", QByteArray::fromHex("e41c 8080 817f"))
             && write("empty.raw", {}) && write("noconfig.aac", noConfig));
     QByteArray graph = R"g({"nodes":[
-        {"name":"toneOut","class":"PcmSink","data":{"file":"tone.raw"}},
-        {"name":"tone","class":"PcmSource","data":{"bitwidth":8,"channels":2,"frame_size":441,"level_db":0}},
         {"name":"out16","class":"PcmSink","data":{"file":"out16.raw"}},
         {"name":"in16","class":"PcmSource","data":{"file":"in16.raw","frame_size":4}},
         {"name":"out8","class":"PcmSink","data":{"file":"out8.raw"}},
@@ -134,18 +122,14 @@ void TestDemo::mediaPassesThroughUnchanged()
         {"name":"noConfig","class":"EsSource","data":{"file":"noconfig.aac"}},
         {"name":"s1","class":"EsSink","data":{"log":"the AAC description gives no usable configuration; audio is not written"}},
         {"name":"p1","class":"PcmSource","data":{"bitwidth":12,"log":"\"bitwidth\" must be 8 or 16 - no audio"}},
-        {"name":"p2","class":"PcmSource","data":{"samplerate":0,"log":"\"samplerate\" must be 1 to 768000 - no audio"}},
-        {"name":"p3","class":"PcmSource","data":{"frame_size":40000,
-         "log":"\"frame_size\" must be at least 1 and a packet at most 65504 bytes - no audio"}},
         {"name":"p4","class":"PcmSource","data":{"file":"empty.raw","log":"empty.raw is empty - no audio"}},
         {"name":"p5","class":"PcmSource","data":{"file":"/no/a.raw","log":"cannot read /no/a.raw: No such file or directory - no audio"}},
         {"name":"e1","class":"EsSource","data":{"file":"/no/a.h264","log":"cannot read /no/a.h264 : No such file or directory"}},
         {"name":"e2","class":"EsSource","data":{"file":"a.bin","log":"cannot tell the codec of a.bin - set \"codec\" to 4, 5 or 10"}},
         {"name":"e3","class":"EsSource","data":{"file":"in8.raw","codec":4,"log":"in8.raw holds no access units"}},
         {"name":"e4","class":"EsSource","data":{"file":"in8.raw","codec":"aac","log":"in8.raw holds no ADTS AAC frames"}},
-        {"name":"i1","class":"KestIntercom","data":{"ip":"no address","log":"relay address no address is not an IP address; nothing is sent"}},
         {"name":"t1","class":"KestTally","start":false},{"name":"t2","class":"KestTallyArbiter","start":false},{"name":"t3","class":"KestVMix","start":false}],
-    "links":[{"from":"tone","to":"toneOut"},{"from":"in16","to":"out16"},{"from":"in8","to":"out8"},{"from":"noConfig","to":"s1"},
+    "links":[{"from":"in16","to":"out16"},{"from":"in8","to":"out8"},{"from":"noConfig","to":"s1"},
         {"from":"h264","to":"tx264"},{"from":"h265","to":"tx265"},{"from":"aac","to":"tx264"},{"from":"aac","to":"tx265"},
         {"from":"rx264","to":"out264"},{"from":"rx265","to":"out265"}]})g";
     for (int kind : {0, 1, 2})
@@ -154,9 +138,9 @@ void TestDemo::mediaPassesThroughUnchanged()
         return latest.value("out" + video + ".stats") == QJsonObject{{"video", latest.value('h' + video + ".end").toInt(-1)},
                                                                      {"audio", latest.value("aac.end").toInt(-1)}};
     };
-    // The receivers' first tick of the finder, without its wait; a setting while running; then the sources.
-    run(graph, {R"({"node":"rx264","call":"onTimer"})", R"({"node":"rx265","call":"onTimer"})", R"({"node":"tone","set":{"level_db":0}})",
-                R"({"node":"h264","start":true})", R"({"node":"h265","start":true})", R"({"node":"aac","start":true})"},
+    // The receivers' first tick of the finder, without its wait; then the sources.
+    run(graph, {R"({"node":"rx264","call":"onTimer"})", R"({"node":"rx265","call":"onTimer"})", R"({"node":"h264","start":true})",
+                R"({"node":"h265","start":true})", R"({"node":"aac","start":true})"},
         [&] { return ended("264") && ended("265"); });
     if (QTest::currentTestFailed())
         return;
@@ -174,16 +158,6 @@ void TestDemo::mediaPassesThroughUnchanged()
     // The files at -6 dB, played round: (1000, -1000, 0, 30000, 2, 4) and (e4 1c 80 80 81 7f) in frames of 4.
     QCOMPARE(file("out16.raw").left(16).toHex(), QByteArray("f5010bfe0000bc3a01000200f5010bfe"));
     QCOMPARE(file("out8.raw").left(8).toHex(), QByteArray("b24e8080817fb24e"));
-    // The tone at full scale: 1000 Hz (200 crossings of the mid-point in 0.1 s), the same in both
-    // channels of 8-bit samples around 128.
-    const QByteArray tone = file("tone.raw");
-    int peak = 0, crossings = 0;
-    for (int i = 2; i < 9600 && i < tone.size(); i += 2) {
-        QCOMPARE(tone[i], tone[i + 1]);
-        peak = qMax(peak, qAbs(int(quint8(tone[i])) - 128));
-        crossings += (quint8(tone[i]) > 128) != (quint8(tone[i - 2]) > 128) ? 1 : 0;
-    }
-    QVERIFY2(tone.size() >= 9600 && peak == 127 && qAbs(crossings - 200) <= 2, qPrintable(QString::number(crossings)));
 }
 
 QTEST_GUILESS_MAIN(TestDemo)
