@@ -30,7 +30,6 @@ void TestNdiLoader::loadsAndSays()
     const NdiRuntime &runtime = NdiRuntime::instance();
     const QString problem = runtime.problem();
     QCOMPARE(runtime.fileName(), qEnvironmentVariable("KEST_LOADER_FILE"));
-    QCOMPARE(runtime.isAvailable(), !runtime.fileName().isEmpty());
     QCOMPARE(problem.isEmpty(), qEnvironmentVariableIsEmpty("KEST_LOADER_PROBLEM"));
     const QStringList parts = qEnvironmentVariable("KEST_LOADER_PROBLEM").split('|', Qt::SkipEmptyParts) + QStringList{runtime.missingFunctions().join(", ")};
     for (const QString &part : parts)
