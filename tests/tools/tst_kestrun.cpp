@@ -84,6 +84,24 @@ void TestKestRun::transcript_data()
 ! )" + QByteArray::number(signal) + R"(
 < {"node":"a","event":"stopped","value":"a"}
 )");
+    // Events go round a loop of links (audio one way, video back) once per delivery: a delivery
+    // never re-enters a node that is still handling one.
+    QTest::newRow("loop of links") << nodes << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"},{"name":"b","class":"EchoNode"}],
+        "links":[{"from":"a","to":"b","media":"audio"},{"from":"b","to":"a","media":"video"}]})") << QByteArray(R"(
+< {"node":"a","event":"started","value":"a"}
+< {"node":"b","event":"heard","value":{"type":"started","value":"a"}}
+< {"node":"a","event":"heard","value":{"type":"heard","value":{"type":"started","value":"a"}}}
+< {"node":"b","event":"started","value":"b"}
+< {"node":"a","event":"heard","value":{"type":"started","value":"b"}}
+< {"node":"b","event":"heard","value":{"type":"heard","value":{"type":"started","value":"b"}}}
+> {"quit":true}
+< {"node":"b","event":"stopped","value":"b"}
+< {"node":"a","event":"heard","value":{"type":"stopped","value":"b"}}
+< {"node":"b","event":"heard","value":{"type":"heard","value":{"type":"stopped","value":"b"}}}
+< {"node":"a","event":"stopped","value":"a"}
+< {"node":"b","event":"heard","value":{"type":"stopped","value":"a"}}
+< {"node":"a","event":"heard","value":{"type":"heard","value":{"type":"stopped","value":"a"}}}
+)");
     // A cycle counts only links that carry its medium: none for audio here, one for video.
     QTest::newRow("two-node cycle") << nodes << QByteArray(R"({"nodes":[{"name":"a","class":"EchoNode"},{"name":"b","class":"EchoNode"}],
         "links":[{"from":"a","to":"b","media":"video"},{"from":"b","to":"a"}]})")
