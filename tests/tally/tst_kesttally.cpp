@@ -1,8 +1,7 @@
-// The serial tally light on a real serial port: a pseudo-terminal joined by socat (ptypair.h).
+// The serial tally light on a real serial port: a pseudo-terminal joined by socat.
 // Its frames and stale-lock rules are tst_tally's.
 
 #include "logcapture.h"
-#include "ptypair.h"
 
 #include "kestgpio.h"
 #include "tally/kesttally.h"
@@ -10,6 +9,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <QProcess>
 #include <QScopeGuard>
 #include <QSerialPort>
 #include <QStandardPaths>
@@ -19,9 +19,46 @@
 #include <memory>
 
 #include <termios.h>
+#include <unistd.h>
 
 namespace {
 const QString kLine = QStringLiteral("kest-test-line"); // a GPIO line no machine has
+
+// A pseudo-terminal for the node (nodePath), joined by socat to a file that collects what the
+// node writes. The link name is unique: the node removes /tmp/*NAME* for its device.
+struct PtyPair
+{
+    explicit PtyPair(const QString &dir)
+    {
+        static int serial = 0;
+        nodePath = QStringLiteral("%1/kestpty%2-%3").arg(dir).arg(::getpid()).arg(++serial);
+        sink.setFileName(nodePath + ".out");
+        socat.setReadChannel(QProcess::StandardError);
+        socat.start(QStringLiteral("socat"), {"-d", "-d", "-u", "pty,raw,echo=0,link=" + nodePath, "CREATE:" + sink.fileName()});
+        QByteArray log;
+        while (!log.contains("starting data transfer loop") && socat.waitForReadyRead(5000))
+            log += socat.readAllStandardError();
+        sink.open(QIODevice::ReadOnly);
+    }
+    ~PtyPair() { kill(); }
+    // Ends socat by its PID: the node's end hangs up.
+    void kill()
+    {
+        socat.terminate();
+        socat.waitForFinished(5000);
+    }
+    // What the node wrote since the last take, once `count` bytes are there or `timeoutMs` passed.
+    QByteArray take(int count, int timeoutMs = 5000)
+    {
+        QByteArray bytes;
+        (void)QTest::qWaitFor([&] { return (bytes += sink.readAll()).size() >= count; }, timeoutMs);
+        return bytes;
+    }
+
+    QString nodePath;
+    QProcess socat;
+    QFile sink;
+};
 } // namespace
 
 class TestKestTally : public QObject
@@ -35,7 +72,7 @@ private Q_SLOTS:
         KestGPIO::clearCalls();
         log = std::make_unique<LogCapture>();
         pty = std::make_unique<PtyPair>(dir.path());
-        QVERIFY2(pty->isReady(), "socat did not make the pty");
+        QVERIFY2(pty->sink.isOpen(), "socat did not make the pty");
     }
     void cleanup()
     {
