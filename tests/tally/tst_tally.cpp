@@ -24,6 +24,7 @@
 
 #include <climits>
 #include <memory>
+#include <tuple>
 
 #include <sys/stat.h>
 
@@ -77,7 +78,6 @@ class TestTally : public QObject
 private Q_SLOTS:
     void colours_data();
     void colours();
-    void commands_data();
     void commands();
     void flashIsTenStepsWhiteFirst();
     void serialFrames();
@@ -248,33 +248,27 @@ void TestTally::colours()
     QCOMPARE(recorder.events.size(), recorder.colours().size());
 }
 
-// The device name comes from the last device list.
-void TestTally::commands_data()
-{
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<QVariant>("deviceId"); // invalid: the command is ignored
-    QTest::addColumn<QString>("deviceName");
-    QTest::newRow("reassign, known device") << R"(["reassign","dev1","dev2","client-7"])" << QVariant("dev2") << "Camera 2";
-    QTest::newRow("reassign, unknown device") << R"(["reassign","dev1","nope"])" << QVariant("nope") << "Unknow";
-    QTest::newRow("reassign, numeric ids") << R"(["reassign",1,7])" << QVariant(7.0) << "Numbered";
-    QTest::newRow("flash without argument: ignored") << R"(["flash"])" << QVariant() << "";
-}
-
+// A reassign takes the device name from the last device list, and starts a flash.
 void TestTally::commands()
 {
-    QFETCH(QString, message);
-    QFETCH(QVariant, deviceId);
-    QFETCH(QString, deviceName);
-    KestTallyArbiter node;
-    node.data[QStringLiteral("deviceId")] = QStringLiteral("dev1");
-    node.onNewMessage(kDevices);
-    node.onNewMessage(QStringLiteral(R"(["devices",5])")); // a list that is not one is ignored
-    EventRecorder recorder(&node);
-    node.onNewMessage(message);
-    QTest::qWait(deviceId.isValid() ? 0 : 250); // a flash would have shown its first colour by now
-    QCOMPARE(node.data.value(QStringLiteral("deviceId")), deviceId.isValid() ? deviceId : QVariant("dev1"));
-    QCOMPARE(recorder.values(QStringLiteral("TA_reassign")), (deviceId.isValid() ? QVariantList{QVariantMap{{"deviceId", deviceId}, {"deviceName", deviceName}}} : QVariantList()));
-    QTRY_COMPARE(recorder.colours(), deviceId.isValid() ? QStringList{"#ffffff"} : QStringList()); // a flash starts
+    const std::tuple<const char *, QVariant, const char *> rows[] = {
+        {R"(["reassign","dev1","dev2","client-7"])", "dev2", "Camera 2"},
+        {R"(["reassign","dev1","nope"])", "nope", "Unknow"},
+        {R"(["reassign",1,7])", 7.0, "Numbered"},
+        {R"(["flash"])", QVariant(), ""}, // without argument: ignored
+    };
+    for (const auto &[message, deviceId, deviceName] : rows) {
+        KestTallyArbiter node;
+        node.data[QStringLiteral("deviceId")] = QStringLiteral("dev1");
+        node.onNewMessage(kDevices);
+        node.onNewMessage(QStringLiteral(R"(["devices",5])")); // a list that is not one is ignored
+        EventRecorder recorder(&node);
+        node.onNewMessage(QString::fromUtf8(message));
+        QTest::qWait(deviceId.isValid() ? 0 : 250); // a flash would have shown its first colour by now
+        QCOMPARE(node.data.value(QStringLiteral("deviceId")), deviceId.isValid() ? deviceId : QVariant("dev1"));
+        QCOMPARE(recorder.values(QStringLiteral("TA_reassign")), (deviceId.isValid() ? QVariantList{QVariantMap{{"deviceId", deviceId}, {"deviceName", deviceName}}} : QVariantList()));
+        QTRY_COMPARE(recorder.colours(), deviceId.isValid() ? QStringList{"#ffffff"} : QStringList());
+    }
 }
 
 // Ten steps, 100 ms apart from the command on; a flash during a flash starts over.
