@@ -132,8 +132,7 @@ in:message:2["listenerclient_connect",{"canBeFlashed":true,"canBeReassigned":tru
         QTRY_VERIFY(!recorder.colours().isEmpty()); // the server sends the device's states on registration
 
         // The server's bus order puts preview first, its priorities program.
-        follow({{R"({"1":["program"],"2":[]})", "#ff0000", "#ff0000"}, {R"({"1":["preview","program"],"2":[]})", "#00ff00", "#ff0000"},
-                {R"({"1":[],"2":["program"]})", "#000000", "#000000"}}, recorder, exampleRecorder);
+        follow({{R"({"1":["program"],"2":[]})", "#ff0000", "#ff0000"}, {R"({"1":["preview","program"],"2":[]})", "#00ff00", "#ff0000"}}, recorder, exampleRecorder);
 
         // Reassigned to dev2 from the server, announced to the host with a flash; the default
         // listener is flashed from the server first.
