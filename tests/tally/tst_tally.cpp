@@ -1,7 +1,6 @@
 // The tally units that need no peer: the Tally Arbiter listener's message handling (fed
 // directly), the serial light's frames and its stale-lock removal; the vMix client against a
-// scripted TCP switcher (the round trip through a real switcher emulator is in
-// tst_tallyarbiterserver).
+// scripted TCP switcher.
 
 #include "logcapture.h"
 #include "tally/eventrecorder.h"
