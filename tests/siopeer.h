@@ -21,20 +21,12 @@
 class SioServer
 {
 public:
-    struct Options
-    {
-        int pingIntervalMs = 25000;
-        int pingTimeoutMs = 20000;
-        quint16 port = 0; // 0: any free port
-    };
-
     ~SioServer() { stop(); }
 
     // Empty when running; otherwise why not, starting with "skip: " where Node is missing or too old.
-    QString start(const Options &o)
+    QString start(int pingIntervalMs = 25000, int pingTimeoutMs = 20000)
     {
-        const QString why = launch(node(), {KEST_PEERS_DIR "/sio-server.js", QString::number(o.port), QString::number(o.pingIntervalMs), QString::number(o.pingTimeoutMs)},
-                                   {"{\"port\":"});
+        const QString why = launch(node(), {KEST_PEERS_DIR "/sio-server.js", "0", QString::number(pingIntervalMs), QString::number(pingTimeoutMs)}, {"{\"port\":"});
         port = quint16(QJsonDocument::fromJson(output).object().value(QStringLiteral("port")).toInt());
         return why;
     }

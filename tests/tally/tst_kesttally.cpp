@@ -1,16 +1,14 @@
-// The serial tally light on a real serial port: a pseudo-terminal joined by socat (ptypair.h).
+// The serial tally light on a real serial port: a pseudo-terminal joined by socat.
 // Its frames and stale-lock rules are tst_tally's.
 
 #include "logcapture.h"
-#include "ptypair.h"
 
 #include "kestgpio.h"
 #include "tally/kesttally.h"
 
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
-#include <QScopeGuard>
+#include <QProcess>
 #include <QSerialPort>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -19,9 +17,46 @@
 #include <memory>
 
 #include <termios.h>
+#include <unistd.h>
 
 namespace {
 const QString kLine = QStringLiteral("kest-test-line"); // a GPIO line no machine has
+
+// A pseudo-terminal for the node (nodePath), joined by socat to a file that collects what the
+// node writes. The link name is unique: the node removes /tmp/*NAME* for its device.
+struct PtyPair
+{
+    explicit PtyPair(const QString &dir)
+    {
+        static int serial = 0;
+        nodePath = QStringLiteral("%1/kestpty%2-%3").arg(dir).arg(::getpid()).arg(++serial);
+        sink.setFileName(nodePath + ".out");
+        socat.setReadChannel(QProcess::StandardError);
+        socat.start(QStringLiteral("socat"), {"-d", "-d", "-u", "pty,raw,echo=0,link=" + nodePath, "CREATE:" + sink.fileName()});
+        QByteArray log;
+        while (!log.contains("starting data transfer loop") && socat.waitForReadyRead(5000))
+            log += socat.readAllStandardError();
+        sink.open(QIODevice::ReadOnly);
+    }
+    ~PtyPair() { kill(); }
+    // Ends socat by its PID: the node's end hangs up.
+    void kill()
+    {
+        socat.terminate();
+        socat.waitForFinished(5000);
+    }
+    // What the node wrote since the last take, once `count` bytes are there or `timeoutMs` passed.
+    QByteArray take(int count, int timeoutMs = 5000)
+    {
+        QByteArray bytes;
+        (void)QTest::qWaitFor([&] { return (bytes += sink.readAll()).size() >= count; }, timeoutMs);
+        return bytes;
+    }
+
+    QString nodePath;
+    QProcess socat;
+    QFile sink;
+};
 } // namespace
 
 class TestKestTally : public QObject
@@ -35,7 +70,7 @@ private Q_SLOTS:
         KestGPIO::clearCalls();
         log = std::make_unique<LogCapture>();
         pty = std::make_unique<PtyPair>(dir.path());
-        QVERIFY2(pty->isReady(), "socat did not make the pty");
+        QVERIFY2(pty->sink.isOpen(), "socat did not make the pty");
     }
     void cleanup()
     {
@@ -83,30 +118,16 @@ private Q_SLOTS:
         // Closed until the next start: later frames are dropped without another message.
         QCOMPARE(call("setIndex", 4), QVariant(true));
         QCOMPARE(log->lines(), QStringList{"[tally1] write error"});
-        // A new start opens the (re-plugged) device again.
+        // A new start opens the (re-plugged) device again, and clears its stale lock in the real
+        // /tmp (found through the link "uart" names; the link's name is unique to this run).
         pty = std::make_unique<PtyPair>(dir.path());
+        const QString stale = "/tmp/LCK.." + QFileInfo(pty->nodePath).fileName();
+        QVERIFY(QFile(stale).open(QIODevice::WriteOnly));
         node->data.insert(QStringLiteral("uart"), pty->nodePath);
         node->start();
+        QVERIFY(!QFile::remove(stale)); // gone already
         call("setIndex", 1);
         QCOMPARE(pty->take(4).toHex(), QByteArray("020002ff"));
-    }
-
-    // The node cleans the real /tmp, for the device its "uart" names through a link; a missing
-    // device removes nothing and stays closed, and "init" drives the line all the same.
-    void startRemovesStaleLocksFromTmp()
-    {
-        const QString name = QFileInfo(pty->nodePath).fileName(); // unique to this run
-        const QString stale = "/tmp/LCK.." + name, folder = "/tmp/" + name + ".d";
-        const auto tidy = qScopeGuard([&] {
-            QFile::remove(stale);
-            QDir().rmdir(folder);
-        });
-        QVERIFY(QFile(stale).open(QIODevice::WriteOnly) && QDir().mkdir(folder));
-        startNode({{"uart", pty->nodePath + "x"}, {"init", "AT+C077"}});
-        QVERIFY(!port()->isOpen() && QFile::exists(stale));
-        QCOMPARE(KestGPIO::calls().size(), 2);
-        startNode();
-        QVERIFY(!QFile::exists(stale) && QFileInfo(folder).isDir());
     }
 
 private:
