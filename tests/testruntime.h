@@ -9,7 +9,6 @@
 #include <QVector>
 #include <QtGlobal>
 
-#include <cstdio>
 #include <cstring>
 
 // Points the library's loader at the linked test runtime unless NDI_RUNTIME_DIR_V5 is set
@@ -18,17 +17,6 @@ inline void useNdiTestRuntime()
 {
     if (qEnvironmentVariableIsEmpty("NDI_RUNTIME_DIR_V5"))
         qputenv("NDI_RUNTIME_DIR_V5", KEST_NDI_RUNTIME_DIR);
-}
-
-// For benchmarks: the test runtime, keeping no sent frames, and no per-connection log lines.
-inline void useQuietNdiTestRuntime()
-{
-    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &message) {
-        if (type != QtDebugMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(message));
-    });
-    useNdiTestRuntime();
-    kesttest_set_sent_frame_limit(0);
 }
 
 // "MACHINE (name)", the way finders list a sender of that name.

@@ -14,6 +14,7 @@
 #include "ndi/kestndirecv.h"
 
 #include "alloccount.h"
+#include "quietruntime.h"
 
 #include <benchmark/benchmark.h>
 

@@ -15,6 +15,7 @@
 #include "packetqueue.h"
 
 #include "alloccount.h"
+#include "quietruntime.h"
 
 #include <benchmark/benchmark.h>
 
