@@ -26,7 +26,6 @@ const Candidate kCandidates[] = {
     {nullptr, "libndi_advanced.so.6"},
     {nullptr, "libndi.so.6"},
 };
-const char kFirstChoice[] = "libndi.so.5";
 
 template <typename F>
 bool bind(void *handle, const char *name, F &slot, QStringList &missing)
@@ -91,7 +90,7 @@ NdiRuntime::NdiRuntime()
     }
 
     QStringList notes;
-    if (!loadedFrom.endsWith(QLatin1String(kFirstChoice)))
+    if (!loadedFrom.endsWith(QLatin1String(kCandidates[0].file)))
         notes << QStringLiteral("NDI runtime %1 in use through its version 5 functions, as no version 5 runtime was found (%2)")
                      .arg(loadedFrom, tried.join(QStringLiteral("; ")));
     // A runtime without the Advanced SDK still serves whatever does not depend on it.

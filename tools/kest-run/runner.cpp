@@ -178,7 +178,7 @@ bool Runner::load(const QByteArray &graphJson, QString *error)
             }
         }
         entries.push_back({name, className, expandPlaceholders(dataValue.toObject().toVariantMap()).toMap(),
-                         node.value(QLatin1String("start")).toBool(true)});
+                           node.value(QLatin1String("start")).toBool(true)});
     }
 
     struct LinkEntry
@@ -191,7 +191,7 @@ bool Runner::load(const QByteArray &graphJson, QString *error)
     for (int i = 0; i < linkList.size(); ++i) {
         const QJsonObject link = linkList.at(i).toObject();
         LinkEntry entry{link.value(QLatin1String("from")).toString(), link.value(QLatin1String("to")).toString(),
-                      KestObject::Both};
+                        KestObject::Both};
         for (const QString &end : {entry.from, entry.to}) {
             const bool exists = std::any_of(entries.begin(), entries.end(), [&](const NodeEntry &s) { return s.name == end; });
             if (!exists) {
